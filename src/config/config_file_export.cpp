@@ -1,0 +1,232 @@
+#include "config/config_file.h"
+#include "config/database.h"
+#include "config/model.h"
+#include "config/row.h"
+#include "config/sqlite_guards.h"
+#include "config/tables.h"
+#include "core/log.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+using working_copy_ptr = std::unique_ptr<sqlite3, call_on_delete<can_proprietary_db_close>>;
+
+constexpr const char *owner_query =
+    "SELECT * FROM transactions t JOIN frame f ON t.transactionId = f.transactionId WHERE "
+    "f.frameId = %d";
+
+/** Position of fpFunc among the columns of the owner query. */
+constexpr int owner_fp_func = 7;
+
+constexpr uint8_t block_type_column = 2;
+constexpr uint8_t tag_type_column = 5;
+constexpr uint8_t constant_size_column = 18;
+
+/** Statement that finds the transaction owning a frame, prepared when first needed. */
+struct owner_lookup {
+    sqlite3 *db;
+    stmt_ptr statement;
+};
+
+int prepare_owner(owner_lookup *owner, int frameId) {
+    sqlite3_stmt *prepared = nullptr;
+    constexpr const char *sql =
+        "SELECT * FROM transactions t JOIN frame f ON t.transactionId = f.transactionId WHERE "
+        "f.frameId = ?";
+    const int result = sqlite3_prepare_v2(owner->db, sql, -1, &prepared, nullptr);
+    owner->statement.reset(prepared);
+    if (result == SQLITE_OK) {
+        return 0;
+    }
+    char text[sql_text_bytes];
+    (void)snprintf(text, sizeof text, owner_query, frameId);
+    log_write_error(
+        "write_tag_detail_info_to_csv", __LINE__, "%s. SQL: %s\n", sqlite3_errmsg(owner->db), text);
+    log_write_error("export_block_parm", __LINE__, "write_tag_detail_info_to_csv is fail");
+    return -1;
+}
+
+/** @retval 1 the owning transaction has a fault value per tag @retval 0 not @retval -1 (logged) */
+int has_fault_value(owner_lookup *owner, int frameId) {
+    if (owner->statement == nullptr && prepare_owner(owner, frameId) != 0) {
+        return -1;
+    }
+    sqlite3_stmt *statement = owner->statement.get();
+    (void)sqlite3_reset(statement); // reports the failure of a step that was reported already
+    if (sqlite3_bind_int(statement, 1, frameId) != SQLITE_OK) {
+        return -1;
+    }
+    const bool found = sqlite3_step(statement) == SQLITE_ROW;
+    return found && sqlite3_column_int(statement, owner_fp_func) == FAULT_PROTECTION_VALUE ? 1 : 0;
+}
+
+const char *text_of(sqlite3_stmt *row, int position) {
+    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(row, position));
+    return text == nullptr ? "" : text;
+}
+
+void write_text(FILE *file, const char *text, uint8_t max) {
+    const int length = static_cast<int>(max == 0 ? strlen(text) : strnlen(text, max));
+    (void)fprintf(file, "%.*s", length, text);
+}
+
+/** Errors of the stream are looked at once, when the file is complete. */
+void write_value(FILE *file, const column &column, sqlite3_stmt *row) {
+    const int position = column.source;
+    switch (column.kind) {
+    case column_kind::NUMBER:
+        (void)fprintf(file, "%d", sqlite3_column_int(row, position));
+        break;
+    case column_kind::FLAG:
+        (void)fprintf(file, "%d", sqlite3_column_int(row, position) != 0 ? 1 : 0);
+        break;
+    case column_kind::CAN_ID:
+        (void)fprintf(file, "%X", static_cast<unsigned>(sqlite3_column_int(row, position)));
+        break;
+    case column_kind::REAL:
+        (void)fprintf(file, "%f", sqlite3_column_double(row, position));
+        break;
+    case column_kind::TEXT:
+    case column_kind::NAME:
+        write_text(file, text_of(row, position), column.text_max);
+        break;
+    case column_kind::CONSTANT:
+        (void)fprintf(file,
+                      "%0*" PRIX64,
+                      2 * sqlite3_column_int(row, constant_size_column),
+                      parse_constant_value(text_of(row, position)));
+        break;
+    }
+}
+
+/** What the import would ask for; it treats a tagType above 13 as not scalable, the export does. */
+uint16_t exported_relevance(const table &table, uint8_t position, int32_t value, uint16_t known) {
+    if (&table == &table_of(TABLE_BLOCK) && position == tag_type_column && (known & TAG) != 0) {
+        return value != TAG_RAW ? SCALABLE : 0;
+    }
+    return relevance_of(table, position, value, known);
+}
+
+/** @retval 0 @retval -1 the owner of a tag cannot be looked up (logged) */
+int write_row(FILE *file, const table &table, sqlite3_stmt *row, owner_lookup *owner) {
+    uint16_t known = 0;
+    const auto count = static_cast<uint8_t>(table.columns.size());
+    for (uint8_t i = 0; i < count; i++) {
+        const column &column = table.columns[i];
+        if (i > 0) {
+            (void)fputc(',', file);
+        }
+        if (!is_relevant(column, known)) {
+            continue;
+        }
+        write_value(file, column, row);
+        const uint16_t given = exported_relevance(table, i, sqlite3_column_int(row, i), known);
+        known = static_cast<uint16_t>(known | given);
+        if (&table == &table_of(TABLE_BLOCK) && i == block_type_column && (given & TAG) != 0) {
+            const int fault_value = has_fault_value(owner, sqlite3_column_int(row, 1));
+            if (fault_value < 0) {
+                return -1;
+            }
+            known = static_cast<uint16_t>(known | (fault_value == 1 ? FAULT_VALUE : 0));
+        }
+    }
+    (void)fputc('\n', file);
+    return 0;
+}
+
+int write_rows(const char *function, const table &table, sqlite3 *db, FILE *file) {
+    char sql[64];
+    (void)snprintf(sql, sizeof sql, "SELECT * FROM %s", table.name);
+    sqlite3_stmt *prepared = nullptr;
+    const int result = sqlite3_prepare_v2(db, sql, -1, &prepared, nullptr);
+    const stmt_ptr rows(prepared);
+    if (result != SQLITE_OK) {
+        log_write_error(function, __LINE__, "%s. Sql: %s\n", sqlite3_errmsg(db), sql);
+        return -1;
+    }
+    owner_lookup owner{db, nullptr};
+    int step = sqlite3_step(prepared);
+    for (; step == SQLITE_ROW; step = sqlite3_step(prepared)) {
+        if (write_row(file, table, prepared, &owner) != 0) {
+            return -1;
+        }
+    }
+    if (step != SQLITE_DONE) {
+        log_write_error(function, __LINE__, "%s. Sql: %s\n", sqlite3_errmsg(db), sql);
+        return -1;
+    }
+    return 0;
+}
+
+/** Head, header, rows and an empty line, which also stands behind rows that failed. */
+int write_section(const char *function, table_id id, sqlite3 *db, FILE *file) {
+    const table &table = table_of(id);
+    (void)fprintf(file, "%s\n%s\n", table.head, table.header);
+    const int result = write_rows(function, table, db, file);
+    (void)fputc('\n', file);
+    return result;
+}
+
+} // namespace
+
+int export_interface_setting_parm(sqlite3 *db, FILE *file) {
+    return write_section(__func__, TABLE_INTERFACE, db, file);
+}
+
+int export_device_parm(sqlite3 *db, FILE *file) {
+    return write_section(__func__, TABLE_DEVICE, db, file);
+}
+
+int export_transaction_parm(sqlite3 *db, FILE *file) {
+    return write_section(__func__, TABLE_TRANSACTIONS, db, file);
+}
+
+int export_frame_parm(sqlite3 *db, FILE *file) {
+    return write_section(__func__, TABLE_FRAME, db, file);
+}
+
+int export_block_parm(sqlite3 *db, FILE *file) {
+    return write_section(__func__, TABLE_BLOCK, db, file);
+}
+
+int can_proprietary_conf_export(const char *path) {
+    if (path == nullptr) {
+        log_error("Null parm.\n");
+        return -1;
+    }
+    const working_copy_ptr db(can_proprietary_db_get());
+    if (db == nullptr) {
+        log_error("get db fail\n");
+        return -1;
+    }
+    const file_ptr file(fopen(path, "we"));
+    if (file == nullptr) {
+        const int error = errno;
+        log_error("open fail\n");
+        errno = error;
+        perror("Error: ");
+        return 0; // kept: the caller finds the missing file itself
+    }
+    // One state of the database for all five sections.
+    (void)sqlite3_exec(db.get(), "BEGIN", nullptr, nullptr, nullptr);
+    (void)fputs("version: 1.0.0\n\n", file.get());
+    for (const auto write : {export_interface_setting_parm,
+                             export_device_parm,
+                             export_transaction_parm,
+                             export_frame_parm,
+                             export_block_parm}) {
+        if (const int result = write(db.get(), file.get()); result != 0) {
+            return result;
+        }
+    }
+    if (fflush(file.get()) != 0 || ferror(file.get()) != 0) {
+        log_error("%s\n", strerror(errno));
+        return -1;
+    }
+    return 0;
+}

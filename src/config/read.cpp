@@ -1,0 +1,418 @@
+#include "config/read.h"
+
+#include "config/database.h"
+#include "config/database_files.h"
+#include "config/row.h"
+#include "config/sqlite_guards.h"
+#include "core/log.h"
+
+#include <array>
+#include <cstdio>
+
+namespace {
+
+/** Closes a working copy connection, with the log that this brings. */
+using working_copy_ptr = std::unique_ptr<sqlite3, call_on_delete<can_proprietary_db_close>>;
+
+/** Messages of a failed statement; the interface operation spells one word its own way. */
+constexpr const char *sql_failure = "%s. SQL: %s\n";
+constexpr const char *interface_sql_failure = "%s. Sql: %s\n";
+
+/** A statement with its text, which messages quote. */
+struct query {
+    const char *function;
+    sqlite3 *db;
+    heap_ptr<char> sql;
+    stmt_ptr statement;
+
+    void log_failure(const char *format) const {
+// The two formats are the constants above.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        log_write_error(function, __LINE__, format, sqlite3_errmsg(db), sql.get());
+#pragma GCC diagnostic pop
+    }
+};
+
+int prepare(query *query, const char *format, int id, const char *failure = sql_failure) {
+    query->sql.reset(static_cast<char *>(malloc(sql_text_bytes)));
+    if (query->sql == nullptr) {
+        return -7;
+    }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    (void)snprintf(query->sql.get(), sql_text_bytes, format, id);
+#pragma GCC diagnostic pop
+    sqlite3_stmt *prepared = nullptr;
+    const int result = sqlite3_prepare_v2(query->db, query->sql.get(), -1, &prepared, nullptr);
+    query->statement.reset(prepared);
+    if (result != SQLITE_OK) {
+        query->log_failure(failure);
+        return result == SQLITE_NOMEM ? -7 : -1;
+    }
+    return 0;
+}
+
+/** @retval 1 there is a row @retval 0 there is none @retval -1 failed (logged) */
+int step(const query &query, const char *failure = sql_failure) {
+    switch (sqlite3_step(query.statement.get())) {
+    case SQLITE_ROW:
+        return 1;
+    case SQLITE_DONE:
+        return 0;
+    default:
+        query.log_failure(failure);
+        return -1;
+    }
+}
+
+/**
+ * Build the list of all rows of a prepared query.
+ *
+ * @param fill  from the current row to the zeroed record, children included
+ */
+template <typename Record, auto FreeList, typename Fill>
+int read_list(const query &query, Record **list, Fill fill) {
+    std::unique_ptr<Record, call_on_delete<FreeList>> head;
+    Record **tail = nullptr;
+    int found = step(query);
+    for (; found == 1; found = step(query)) {
+        Record *record = allocate_zeroed<Record>().release();
+        if (record == nullptr) {
+            log_write_error(query.function, __LINE__, "Memory allocation failed\n");
+            return -7;
+        }
+        if (tail == nullptr) {
+            head.reset(record);
+        } else {
+            *tail = record;
+        }
+        tail = &record->next;
+        if (const int result = fill(query.statement.get(), record); result != 0) {
+            return result;
+        }
+    }
+    if (found < 0) {
+        return -1;
+    }
+    *list = head.release();
+    return 0;
+}
+
+void free_transaction_list(transaction_config *transactions) {
+    while (transactions != nullptr) {
+        transaction_config *next = transactions->next;
+        conf_free_transaction(transactions);
+        transactions = next;
+    }
+}
+
+int read_blocks(sqlite3 *db, block_config **list, int frameId) {
+    constexpr const char *function = "can_proprietary_conf_get_frame_config";
+    query blocks{function, db, nullptr, nullptr};
+    if (const int result = prepare(&blocks, "SELECT * FROM block WHERE frameId = %d", frameId);
+        result != 0) {
+        return result;
+    }
+    return read_list<block_config, conf_free_block_list>(
+        blocks, list, [](sqlite3_stmt *row, block_config *record) {
+            const int result = block_get_row(row, record);
+            if (result != 0) {
+                log_write_error(function, __LINE__, "block_get_row fail\n");
+            }
+            return result;
+        });
+}
+
+int read_frames(sqlite3 *db, frame_config **list, int transactionId) {
+    constexpr const char *function = "can_proprietary_conf_get_transaction_config";
+    query frames{function, db, nullptr, nullptr};
+    if (const int result =
+            prepare(&frames, "SELECT * FROM frame WHERE transactionId = %d", transactionId);
+        result != 0) {
+        return result;
+    }
+    return read_list<frame_config, conf_free_frame_list>(
+        frames, list, [db](sqlite3_stmt *row, frame_config *record) {
+            const int result = can_proprietary_conf_get_frame_config(db, record, key_of_row(row));
+            if (result != 0) {
+                log_write_error(function, __LINE__, "get_constant_config error\n");
+            }
+            return result == -7 ? -7 : (result != 0 ? -1 : 0);
+        });
+}
+
+int read_transactions(sqlite3 *db, transaction_config **list, int deviceId) {
+    constexpr const char *function = "can_proprietary_conf_get_device_config";
+    query transactions{function, db, nullptr, nullptr};
+    if (const int result =
+            prepare(&transactions, "SELECT * FROM transactions WHERE deviceId = %d", deviceId);
+        result != 0) {
+        return result;
+    }
+    return read_list<transaction_config, free_transaction_list>(
+        transactions, list, [db](sqlite3_stmt *row, transaction_config *record) {
+            const int result =
+                can_proprietary_conf_get_transaction_config(db, record, key_of_row(row));
+            if (result != 0) {
+                log_write_error(function, __LINE__, "get_device_all_transaction_config fail\n");
+            }
+            return result;
+        });
+}
+
+/** A connection that sees one state of the database until it is closed. */
+working_copy_ptr open_snapshot() {
+    working_copy_ptr db(can_proprietary_db_get());
+    if (db != nullptr) {
+        // Without it the statements still work, each on the state of its moment.
+        (void)sqlite3_exec(db.get(), "BEGIN", nullptr, nullptr, nullptr);
+    }
+    return db;
+}
+
+int check_port_row(sqlite3 *db, const char *function, int portId) {
+    query port{function, db, nullptr, nullptr};
+    if (const int result =
+            prepare(&port, "SELECT * FROM interface_setting WHERE portId = %d", portId);
+        result != 0) {
+        return result;
+    }
+    const int found = step(port);
+    if (found == 0) {
+        log_write_error(function, __LINE__, "portId not found\n");
+    }
+    return found == 1 ? 0 : -1;
+}
+
+} // namespace
+
+int can_proprietary_conf_get_interface_config(interface_config *record, int portId) {
+    if (record == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    *record = {};
+    const working_copy_ptr db = open_snapshot();
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    int rows = 0;
+    if (can_proprietary_db_get_row_count(db.get(), "interface_setting", nullptr, &rows) != 0 ||
+        rows == 0) {
+        log_error("db row count fail\n");
+        return -1;
+    }
+    query settings{__func__, db.get(), nullptr, nullptr};
+    constexpr const char *sql = "SELECT * FROM interface_setting WHERE portId = %d";
+    if (const int result = prepare(&settings, sql, portId, interface_sql_failure); result != 0) {
+        return result;
+    }
+    const int found = step(settings, interface_sql_failure);
+    if (found == 0) {
+        log_error("portId not found\n");
+    }
+    if (found != 1) {
+        return -1;
+    }
+    interface_get_row(settings.statement.get(), record);
+    return 0;
+}
+
+int can_proprietary_conf_get_interface_device_config(device_config **list, int portId) {
+    const working_copy_ptr db(list == nullptr ? nullptr : can_proprietary_db_get());
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    query devices{__func__, db.get(), nullptr, nullptr};
+    if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = %d", portId);
+        result != 0) {
+        return result;
+    }
+    return read_list<device_config, conf_free_device_list>(devices, list, device_get_row);
+}
+
+int can_proprietary_conf_get_port_config(device_config **list, int portId) {
+    const working_copy_ptr db = list == nullptr ? nullptr : open_snapshot();
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    if (const int result = check_port_row(db.get(), __func__, portId); result != 0) {
+        return result;
+    }
+    constexpr const char *function = "can_proprietary_conf_get_port_config";
+    query devices{function, db.get(), nullptr, nullptr};
+    if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = %d", portId);
+        result != 0) {
+        return result;
+    }
+    return read_list<device_config, conf_free_device_list>(
+        devices, list, [&db](sqlite3_stmt *row, device_config *record) {
+            const int result =
+                can_proprietary_conf_get_device_config(db.get(), record, key_of_row(row));
+            if (result != 0) {
+                log_write_error(function, __LINE__, "can_proprietary_get_device_config fail\n");
+            }
+            return result;
+        });
+}
+
+int can_proprietary_conf_get_device_config(sqlite3 *db, device_config *record, int deviceId) {
+    if (db == nullptr || record == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    query device{__func__, db, nullptr, nullptr};
+    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = %d", deviceId);
+        result != 0) {
+        return result;
+    }
+    const int found = step(device);
+    if (found == 0) {
+        log_error("deviceId not found\n");
+    }
+    if (found != 1) {
+        return -1;
+    }
+    if (const int result = device_get_row(device.statement.get(), record); result != 0) {
+        return result;
+    }
+    return read_transactions(db, &record->transactions, deviceId);
+}
+
+int can_proprietary_conf_get_device_name_config(device_config *record, int deviceId) {
+    const working_copy_ptr db(record == nullptr ? nullptr : can_proprietary_db_get());
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    query device{__func__, db.get(), nullptr, nullptr};
+    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = %d", deviceId);
+        result != 0) {
+        return result;
+    }
+    return step(device) == 1 ? device_get_row(device.statement.get(), record) : -1;
+}
+
+int can_proprietary_conf_get_transaction_config(sqlite3 *db,
+                                                transaction_config *record,
+                                                int transactionId) {
+    if (db == nullptr || record == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    query transaction{__func__, db, nullptr, nullptr};
+    constexpr const char *sql = "SELECT * FROM transactions WHERE transactionId = %d";
+    if (const int result = prepare(&transaction, sql, transactionId); result != 0) {
+        return result;
+    }
+    const int found = step(transaction);
+    if (found == 0) {
+        log_error("transactionId not found\n");
+    }
+    if (found != 1) {
+        return -1;
+    }
+    if (const int result = transaction_get_row(transaction.statement.get(), record); result != 0) {
+        return result;
+    }
+    return read_frames(db, &record->frames, transactionId);
+}
+
+int can_proprietary_conf_get_frame_config(sqlite3 *db, frame_config *record, int frameId) {
+    if (db == nullptr || record == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    query frame{__func__, db, nullptr, nullptr};
+    if (const int result = prepare(&frame, "SELECT * FROM frame WHERE frameId = %d", frameId);
+        result != 0) {
+        return result;
+    }
+    const int found = step(frame);
+    if (found < 0) {
+        return -1;
+    }
+    if (found == 1) {
+        frame_get_row(frame.statement.get(), record);
+    }
+    return read_blocks(db, &record->blocks, frameId);
+}
+
+int can_proprietary_conf_get_device_num(uint8_t *count) {
+    const working_copy_ptr db(count == nullptr ? nullptr : can_proprietary_db_get());
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    int rows = 0;
+    if (can_proprietary_db_get_row_count(db.get(), "device", nullptr, &rows) != 0) {
+        return -1;
+    }
+    *count = static_cast<uint8_t>(rows);
+    return 0;
+}
+
+int can_proprietary_conf_get_overview_port_num(overview_info *info) {
+    const working_copy_ptr db(info == nullptr ? nullptr : can_proprietary_db_get());
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    int rows = 0;
+    if (can_proprietary_db_get_row_count(db.get(), "interface_setting", nullptr, &rows) != 0 ||
+        rows == 0) {
+        log_error("db row count fail\n");
+        return -1;
+    }
+    info->port_num = static_cast<uint8_t>(rows);
+    return 0;
+}
+
+int can_proprietary_conf_get_overview_config(overview_info *info, int portId) {
+    const working_copy_ptr db = info == nullptr ? nullptr : open_snapshot();
+    if (db == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    std::array<char, 64> condition{};
+    (void)snprintf(condition.data(), condition.size(), "portId = %d", portId);
+    int devices = 0;
+    if (can_proprietary_db_get_row_count(db.get(), "device", condition.data(), &devices) != 0) {
+        return -1;
+    }
+    query rows{__func__, db.get(), nullptr, nullptr};
+    if (const int result = prepare(&rows, "SELECT * FROM device WHERE portId = %d", portId);
+        result != 0) {
+        return result;
+    }
+    uint8_t transaction_num = 0; // the sum wraps at 8 bits, on purpose: clients know it so
+    int found = step(rows);
+    for (; found == 1; found = step(rows)) {
+        const int deviceId = key_of_row(rows.statement.get());
+        (void)snprintf(condition.data(), condition.size(), "deviceId = %d", deviceId);
+        int count = 0;
+        if (can_proprietary_db_get_row_count(db.get(), "transactions", condition.data(), &count) !=
+            0) {
+            return -1;
+        }
+        transaction_num = static_cast<uint8_t>(transaction_num + count);
+    }
+    if (found < 0) {
+        return -1;
+    }
+    info->device_num = static_cast<uint8_t>(devices);
+    info->transaction_num = transaction_num;
+    return 0;
+}
+
+int can_proprietary_conf_changed(int *changed) {
+    if (changed == nullptr) {
+        log_error("param fail\n");
+        return -1;
+    }
+    return can_proprietary_db_get_ram_modified(changed) == 0 ? 0 : -4;
+}

@@ -1,0 +1,21 @@
+#ifndef KT_DEVICE_CLOCK_H
+#define KT_DEVICE_CLOCK_H
+
+#include <cstdint>
+
+/** Monotonic milliseconds. Wraps after 49.7 days: compare with clock_difference(). Any thread. */
+uint32_t sys_clock_ms();
+
+/** Monotonic microseconds. Any thread. */
+int64_t get_timestamp();
+
+/** Milliseconds from b to a, negative when a is earlier; right across the wrap. */
+inline int32_t clock_difference(uint32_t a, uint32_t b) {
+    return static_cast<int32_t>(a - b);
+}
+
+inline bool clock_is_due(uint32_t now, uint32_t deadline) {
+    return clock_difference(now, deadline) >= 0;
+}
+
+#endif

@@ -1,0 +1,368 @@
+#include "traffic/recorder.h"
+
+#include "core/guards.h"
+#include "core/log.h"
+#include "core/state.h"
+#include "device/clock.h"
+
+#include <kt/protocol_common.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <linux/can.h>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+#include <shared_mutex>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *traffic_folder = "/run/tmp/kt-can-proprietary";
+constexpr const char *path_prefix = "/run/tmp/kt-can-proprietary/traffic-log";
+constexpr const char *csv_header = "No.,Time,Direction,CAN-ID,RTR,Data length,Data\n";
+
+struct can_proprietary_traffic {
+    pthread_mutex_t mutex; /* control_state */
+    uint32_t control_state;
+    std::atomic<int64_t> start_time_us;
+};
+
+/** Keeps the records from being released under a caller that is not a port thread. */
+std::shared_mutex lifetime;
+std::unique_ptr<can_proprietary_traffic[]> records;
+std::atomic<uint32_t> record_count{0};
+
+/** Numbers the CSV rows of all ports; unlocked, so two ports may share or skip numbers. */
+std::atomic<int32_t> row_counter{1};
+
+using json_ptr = std::unique_ptr<JSON_Value, call_on_delete<json_value_free>>;
+using json_text_ptr = std::unique_ptr<char, call_on_delete<json_free_serialized_string>>;
+using file_lock_ptr = std::unique_ptr<kt_semaphore, call_on_delete<semaphoreUp>>;
+
+/** What both rows of a frame show. */
+struct traffic_row {
+    std::array<char, 64> time;
+    std::array<char, CAN_MAX_DLEN * 3 + 1> data;
+    traffic_direction direction;
+    uint32_t id;
+    bool extended;
+    int rtr;
+    uint8_t data_length;
+};
+
+std::string traffic_path(int port, const char *extension) {
+    std::array<char, 50> path{};
+    const auto index = static_cast<uint8_t>(port); // checked: the port count is an 8-bit number
+    (void)snprintf(path.data(), path.size(), "%s%d.%s", path_prefix, index, extension);
+    return rooted_path(path.data());
+}
+
+std::string csv_path(int port) {
+    return traffic_path(port, "csv");
+}
+
+std::string json_path(int port) {
+    return traffic_path(port, "json");
+}
+
+bool is_valid(const char *function, int port) {
+    if (port >= 0 && static_cast<uint32_t>(port) < record_count.load(std::memory_order_relaxed)) {
+        return true;
+    }
+    log_write_error(function, __LINE__, "port_idx(%d) invalid.\n", port);
+    return false;
+}
+
+void lock_reporting(pthread_mutex_t *mutex) {
+    if (const int result = pthread_mutex_lock(mutex); result != 0) {
+        (void)printf("Err, pthread_mutex_lock() return %d\n", result);
+    }
+}
+
+void unlock_reporting(pthread_mutex_t *mutex) {
+    if (const int result = pthread_mutex_unlock(mutex); result != 0) {
+        (void)printf("Err, pthread_mutex_unlock() return %d\n", result);
+    }
+}
+
+void set_control_state(int port, uint32_t state) {
+    can_proprietary_traffic &record = records[static_cast<size_t>(port)];
+    lock_reporting(&record.mutex);
+    record.control_state = state;
+    unlock_reporting(&record.mutex);
+}
+
+uint32_t control_state(int port) {
+    can_proprietary_traffic &record = records[static_cast<size_t>(port)];
+    lock_reporting(&record.mutex);
+    const uint32_t state = record.control_state;
+    unlock_reporting(&record.mutex);
+    return state;
+}
+
+void format_data(const uint8_t *data, traffic_row *row) {
+    constexpr const char *digits = "0123456789ABCDEF";
+    char *out = row->data.data();
+    for (uint8_t i = 0; i < row->data_length; i++) {
+        *out++ = digits[data[i] >> 4];
+        *out++ = digits[data[i] & 0xf];
+        *out++ = ' ';
+    }
+    if (row->data_length > 0) {
+        out--;
+    }
+    *out = '\0';
+}
+
+bool set_members(JSON_Object *line, const traffic_row &row) {
+    return json_object_dotset_string(line, "time", row.time.data()) == JSONSuccess &&
+           json_object_dotset_number(line, "direction", row.direction) == JSONSuccess &&
+           json_object_dotset_number(line, "canId", row.id) == JSONSuccess &&
+           json_object_dotset_number(line, "RTR", row.rtr) == JSONSuccess &&
+           json_object_dotset_number(line, "dataLength", row.data_length) == JSONSuccess &&
+           json_object_dotset_string(line, "data", row.data.data()) == JSONSuccess;
+}
+
+/** Append a line whole or not at all: half a line would make the log unreadable. */
+int append_line(FILE *file, long size, const char *text, const char *end) {
+    if (fputs(text, file) >= 0 && fputs(end, file) >= 0 && fflush(file) == 0) {
+        return 0;
+    }
+    (void)ftruncate(fileno(file), size); // the disk is full; nothing else can be done
+    return -5;
+}
+
+long size_of(FILE *file) {
+    return fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
+}
+
+int append_csv_row(int port, const traffic_row &row, size_t json_length) {
+    const file_ptr file(fopen(csv_path(port).c_str(), "ae"));
+    if (file == nullptr) {
+        return -5;
+    }
+    const long size = size_of(file.get());
+    // Tested with the length of the JSON text, not of the row. On purpose: both files fill alike.
+    if (size + static_cast<long>(json_length) > traffic_file_limit_bytes) {
+        set_control_state(port, 0);
+        return 0;
+    }
+    std::array<char, 256> text{};
+    const int number = row_counter.load(std::memory_order_relaxed);
+    const char *direction = row.direction == TRAFFIC_SEND ? "Send" : "Receive";
+    const char *kind = row.rtr == 1 ? "Remote Frame" : "Data frame";
+    // The quote closes before the digits, as the files have always had it.
+    (void)snprintf(text.data(),
+                   text.size(),
+                   row.extended ? "%d,%s,%s,\"0x\"%08X,%s,%d,\"%s\""
+                                : "%d,%s,%s,\"0x\"%03X,%s,%d,\"%s\"",
+                   number,
+                   row.time.data(),
+                   direction,
+                   row.id,
+                   kind,
+                   row.data_length,
+                   row.data.data());
+    if (const int result = append_line(file.get(), size, text.data(), "\n"); result != 0) {
+        return result;
+    }
+    row_counter.store(number + 1, std::memory_order_relaxed);
+    return 0;
+}
+
+int append_both(int port, const traffic_row &row, const char *json_text) {
+    const std::string path = json_path(port);
+    kt_semaphore *taken = nullptr;
+    if (semaphoreDown(path.c_str(), &taken) != 0) {
+        log_write_error("can_proprietary_traffic_record_log",
+                        __LINE__,
+                        "traffic log semaphoreDown fail(%d)\n",
+                        -8);
+        return -8;
+    }
+    const file_lock_ptr lock(taken);
+    const file_ptr file(fopen(path.c_str(), "ae"));
+    if (file == nullptr) {
+        log_write_error("can_proprietary_traffic_record_log", __LINE__, "open file fail\n");
+        return -5;
+    }
+    const size_t length = strlen(json_text);
+    const long size = size_of(file.get());
+    if (size + static_cast<long>(length) > traffic_file_limit_bytes) {
+        set_control_state(port, 0);
+        return 0;
+    }
+    if (const int result = append_line(file.get(), size, json_text, "\n"); result != 0) {
+        return result;
+    }
+    return append_csv_row(port, row, length);
+}
+
+int read_lines(FILE *file, JSON_Array *lines) {
+    std::array<char, 2048> text{};
+    while (fgets(text.data(), text.size(), file) != nullptr) {
+        json_ptr line(json_parse_string(text.data()));
+        if (line == nullptr || json_array_append_value(lines, line.get()) != JSONSuccess) {
+            return -6;
+        }
+        (void)line.release(); // the array's now
+    }
+    return 0;
+}
+
+int create_file(const std::string &path, const char *content) {
+    const file_ptr file(fopen(path.c_str(), "we"));
+    if (file == nullptr) {
+        log_write_error(
+            "can_proprietary_traffic_start", __LINE__, "open file %s fail.\n", path.c_str());
+        return -5;
+    }
+    return fputs(content, file.get()) >= 0 && fflush(file.get()) == 0 ? 0 : -5;
+}
+
+} // namespace
+
+int can_proprietary_traffic_init(uint8_t port_count) {
+    const std::unique_lock guard(lifetime);
+    records.reset(new (std::nothrow) can_proprietary_traffic[port_count]());
+    if (records == nullptr) {
+        record_count.store(0, std::memory_order_relaxed);
+        log_error("malloc fail.\n");
+        return -2;
+    }
+    for (uint8_t port = 0; port < port_count; port++) {
+        (void)pthread_mutex_init(&records[port].mutex, nullptr); // cannot fail for a plain mutex
+        (void)mkdir_p(rooted_path(traffic_folder).c_str());      // a start reports a missing folder
+    }
+    record_count.store(port_count, std::memory_order_relaxed);
+    return 0;
+}
+
+void can_proprietary_traffic_deinit() {
+    const std::unique_lock guard(lifetime);
+    const uint32_t count = record_count.exchange(0, std::memory_order_relaxed);
+    for (uint32_t port = 0; port < count; port++) {
+        (void)pthread_mutex_destroy(&records[port].mutex);
+    }
+    records.reset();
+}
+
+int can_proprietary_traffic_start(int port) {
+    const std::shared_lock guard(lifetime);
+    if (!is_valid(__func__, port)) {
+        return -1;
+    }
+    row_counter.store(1, std::memory_order_relaxed);
+    if (const int result = create_file(csv_path(port), csv_header); result != 0) {
+        return result;
+    }
+    if (const int result = create_file(json_path(port), ""); result != 0) {
+        return result;
+    }
+    set_control_state(port, 1);
+    return 0;
+}
+
+int can_proprietary_traffic_stop(int port) {
+    const std::shared_lock guard(lifetime);
+    if (!is_valid(__func__, port)) {
+        return -1;
+    }
+    set_control_state(port, 0);
+    return 0;
+}
+
+int can_proprietary_traffic_get_control_state(int port) {
+    const std::shared_lock guard(lifetime);
+    return is_valid(__func__, port) ? static_cast<int>(control_state(port)) : -1;
+}
+
+int can_proprietary_traffic_init_start_time(int port) {
+    const std::shared_lock guard(lifetime);
+    if (!is_valid(__func__, port)) {
+        return -1;
+    }
+    records[static_cast<size_t>(port)].start_time_us.store(get_timestamp(),
+                                                           std::memory_order_relaxed);
+    return 0;
+}
+
+int can_proprietary_traffic_record_log(const uint8_t *data,
+                                       traffic_direction direction,
+                                       uint32_t can_id,
+                                       int rtr,
+                                       uint8_t data_length,
+                                       uint16_t port) {
+    // The caller is a port thread, and the records outlive those: no lifetime lock per frame.
+    if (!is_valid(__func__, port)) {
+        return -1;
+    }
+    if (control_state(port) == 0) {
+        return 0;
+    }
+    if (data_length > CAN_MAX_DLEN) {
+        log_error("data length(%d) invalid.\n", data_length);
+        return -1;
+    }
+    traffic_row row{};
+    row.direction = direction;
+    row.extended = (can_id & CAN_EFF_FLAG) != 0;
+    row.id = can_id & (row.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
+    row.rtr = rtr;
+    row.data_length = data_length;
+    format_data(data, &row);
+    const json_ptr line(json_value_init_object());
+    if (line == nullptr) {
+        log_error("init fail(%d)\n", -7);
+        return -7;
+    }
+    const int64_t start = records[port].start_time_us.load(std::memory_order_relaxed);
+    const double seconds = static_cast<double>(get_timestamp() - start) / 1000000.0;
+    (void)snprintf(row.time.data(), row.time.size(), "%.3lf", seconds);
+    if (!set_members(json_value_get_object(line.get()), row)) {
+        log_error("json fail(%d)\n", -6);
+        return -6;
+    }
+    const json_text_ptr text(json_serialize_to_string(line.get()));
+    if (text == nullptr) {
+        log_error("json_serialize_to_string fail\n");
+        return -6;
+    }
+    return append_both(port, row, text.get());
+}
+
+int can_proprietary_traffic_get_log(JSON_Value **log, int port) {
+    if (log != nullptr) {
+        *log = nullptr;
+    }
+    const std::shared_lock guard(lifetime);
+    if (!is_valid(__func__, port) || log == nullptr) {
+        return -1;
+    }
+    json_ptr lines(json_value_init_array());
+    if (lines == nullptr) {
+        return -7;
+    }
+    const std::string path = json_path(port);
+    kt_semaphore *taken = nullptr;
+    if (semaphoreDown(path.c_str(), &taken) != 0) {
+        log_error("get traffic log semaphoreDown fail(%d)\n", -8);
+        return -8;
+    }
+    const file_lock_ptr lock(taken);
+    const file_ptr file(fopen(path.c_str(), "re"));
+    if (file == nullptr) {
+        return -5;
+    }
+    if (const int result = read_lines(file.get(), json_value_get_array(lines.get())); result != 0) {
+        return result;
+    }
+    *log = lines.release();
+    return 0;
+}
