@@ -1,0 +1,60 @@
+"""Where the tests run: over kt-softcan on this machine, or on a SocketCAN kernel (lane K)."""
+
+import os
+import pathlib
+import time
+
+REPO = pathlib.Path(__file__).resolve().parents[3]
+BIN = pathlib.Path(os.environ.get("KT_BIN", REPO / "build/release/bin"))
+LANE = os.environ.get("KT_LANE", "")
+KERNEL = LANE == "kernel"
+PORTS = ("can0", "can1")
+
+# In lane K the service's folders are emptied for every test: never do that to a real machine.
+if KERNEL and "User Mode Linux" not in pathlib.Path("/proc/cpuinfo").read_text("ascii"):
+    raise SystemExit("KT_LANE=kernel is for tests/support/lane_k.sh only")
+
+# Sanitizers and the user-mode kernel are slow; every deadline stretches, no interval does.
+TIME_FACTOR = float(os.environ.get("KT_TIME_FACTOR", "1"))
+
+SANITIZER_STATUS = 97
+
+
+def scaled(seconds: float) -> float:
+    """A deadline for this lane."""
+    return seconds * TIME_FACTOR
+
+
+def program(name: str) -> str:
+    return str(BIN / name)
+
+
+def wait_until(predicate, timeout: float = 5.0, what="the condition"):
+    """Poll until predicate() is truthy and return that value; what may be a function."""
+    deadline = time.monotonic() + scaled(timeout)
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            text = what() if callable(what) else what
+            raise AssertionError(f"{text}: not within {scaled(timeout):g} s")
+        time.sleep(0.005)
+
+
+def sanitizer_environment() -> dict[str, str]:
+    return {
+        "ASAN_OPTIONS": f"detect_leaks=1:exitcode={SANITIZER_STATUS}:verify_asan_link_order=0",
+        "LSAN_OPTIONS": f"exitcode={SANITIZER_STATUS}",
+        "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
+        "TSAN_OPTIONS": f"exitcode={SANITIZER_STATUS}:second_deadlock_stack=1"
+        f":suppressions={REPO}/tests/support/tsan.supp",
+    }
+
+
+def sanitizer_report(text: str) -> str:
+    """The part of a program's output that a sanitizer wrote, empty when none did."""
+    for mark in ("Sanitizer", "runtime error:"):
+        if mark in text:
+            return text[max(0, text.index(mark) - 200) :]
+    return ""

@@ -1,0 +1,50 @@
+# shellcheck shell=bash
+# Process 1 of lane K, read by the init script that lane_k.sh writes (repo, bin, run, pytest are
+# its variables). Builds a root whose changes stay in memory, brings two vcan ports up, runs pytest.
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 HOME=/root PYTHONDONTWRITEBYTECODE=1
+echo 1 >"$run/started"
+
+give_up() {
+    echo "$*" >"$run/unable"
+    sync
+    poweroff -f
+}
+
+mount -t proc proc /proc
+mount -t tmpfs tmpfs /run
+modules=/usr/lib/uml/modules/$(uname -r)/kernel
+for module in net/can/can net/can/can-raw drivers/net/can/dev/can-dev drivers/net/can/vcan \
+    fs/overlayfs/overlay; do
+    insmod "$modules/$module.ko" || give_up "kernel module $module cannot be loaded"
+done
+
+new=/run/root
+mkdir -p /run/upper /run/work $new
+mount -t overlay overlay -o lowerdir=/,upperdir=/run/upper,workdir=/run/work $new ||
+    give_up "no overlay file system"
+mkdir -p $new/data $new/etc/default/config
+mount -t proc proc $new/proc
+mount -t sysfs sysfs $new/sys
+mount -t devtmpfs devtmpfs $new/dev
+mkdir -p $new/dev/shm $new/dev/pts
+ln -sfn /proc/self/fd $new/dev/fd
+mount -t devpts devpts $new/dev/pts
+for folder in run data tmp dev/shm; do
+    mount -t tmpfs tmpfs $new/$folder
+done
+chmod 1777 $new/tmp $new/dev/shm
+for folder in "$repo" "$bin" "$run"; do
+    mkdir -p "$new$folder"
+    mount --bind "$folder" "$new$folder"
+done
+
+ip link set lo up
+for port in can0 can1; do
+    ip link add dev $port type vcan && ip link set up $port || give_up "vcan $port cannot be made"
+done
+
+chroot $new /bin/bash -c 'cd "$1" && shift && exec /usr/bin/python3 -m pytest "$@"' - \
+    "$repo" "${pytest[@]}"
+echo $? >"$run/status"
+sync
+poweroff -f

@@ -1,0 +1,239 @@
+#include "allocation_fault.h"
+#include "can/runtime.h"
+#include "captured_log.h"
+#include "core/log.h"
+#include "core/state.h"
+#include "fake_service.h"
+#include "fake_sleep.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <gmock/gmock.h>
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using calls = std::vector<std::string>;
+
+void stop() {
+    g_stop_requested = 1;
+}
+
+/** Two ports whose threads end at once; the first pass is the last one. */
+class service : public ::testing::Test {
+protected:
+    service() {
+        g_stop_requested = 0;
+        can_proprietary_restart = 0;
+        log_set_level(LOG_LEVEL_WARN);
+        g_fake_sleep = {};
+        g_fake_service = &fake;
+        fake.ports = {"can0", "can1"};
+        fake.port_thread = [](unsigned) { stop(); };
+    }
+    ~service() override {
+        g_fake_service = nullptr;
+        g_stop_requested = 0;
+        can_proprietary_restart = 0;
+        for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
+            (void)signal(number, SIG_DFL);
+        }
+    }
+
+    std::vector<unsigned> sorted_threads() {
+        std::sort(fake.port_threads.begin(), fake.port_threads.end());
+        return fake.port_threads;
+    }
+
+    long times(const char *call) const {
+        return std::count(fake.calls.begin(), fake.calls.end(), call);
+    }
+
+    static int modules() {
+        int count = 0;
+        for (const can_module *module = g_can_module_list; module; module = module->next) {
+            count++;
+        }
+        return count;
+    }
+
+    fake_service fake;
+};
+
+const calls start_up = {"event create", "rest init CAN-proprietary", "dx create", "can list 0"};
+const calls begin_of_pass = {
+    "databases", "traffic init 2", "diag create 2", "led init", "device num 0", "status init 7"};
+const calls end_of_pass = {"traffic deinit", "led release", "status release", "diag release"};
+const calls shut_down = {"dx destroy", "event destroy", "rest cleanup"};
+
+calls joined(const std::vector<calls> &parts) {
+    calls all;
+    for (const calls &part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+TEST_F(service, one_pass_in_order) {
+    int modules_seen = 0;
+    std::string names;
+    fake.prepare_databases = [&] {
+        modules_seen = modules();
+        names = std::string(can_port_name(0)) + " " + can_port_name(1);
+        return 0;
+    };
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }), IsEmpty());
+    EXPECT_EQ(fake.calls, joined({start_up, begin_of_pass, end_of_pass, shut_down}));
+    EXPECT_THAT(sorted_threads(), ElementsAre(0, 1));
+    EXPECT_EQ(modules_seen, 2);
+    EXPECT_EQ(names, "can0 can1");
+    EXPECT_EQ(g_can_module_list, nullptr);
+    EXPECT_EQ(g_can_port_list, nullptr);
+}
+
+TEST_F(service, applied_configuration_begins_a_new_pass) {
+    int passes = 0;
+    fake.prepare_databases = [&passes] {
+        EXPECT_EQ(can_proprietary_restart, 0);
+        passes++;
+        return 0;
+    };
+    fake.port_thread = [&passes](unsigned) {
+        can_proprietary_restart = 1;
+        if (passes == 3) {
+            stop();
+        }
+    };
+    EXPECT_EQ(service_main(), 0);
+    const calls pass = joined({begin_of_pass, end_of_pass});
+    EXPECT_EQ(fake.calls, joined({start_up, pass, pass, pass, shut_down}));
+    EXPECT_THAT(sorted_threads(), ElementsAre(0, 0, 0, 1, 1, 1));
+    EXPECT_THAT(g_fake_sleep.slept_ms, IsEmpty());
+}
+
+TEST_F(service, ports_that_cannot_start_are_tried_again_after_a_second) {
+    fake.port_thread = nullptr;
+    g_fake_sleep.during = [] {
+        if (g_fake_sleep.slept_ms.size() == 15) {
+            stop();
+        }
+    };
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(times("databases"), 2);
+    EXPECT_EQ(g_fake_sleep.slept_ms, std::vector<long>(15, 100));
+}
+
+TEST_F(service, configuration_that_cannot_be_opened_ends_it_without_clean_up) {
+    fake.prepare_databases = [] { return -1; };
+    EXPECT_EQ(service_main(), -1);
+    EXPECT_EQ(fake.calls, joined({start_up, {"databases"}}));
+    EXPECT_THAT(fake.port_threads, IsEmpty());
+    // What it leaves to the end of the process:
+    while (g_can_module_list != nullptr) {
+        can_module *next = g_can_module_list->next;
+        delete g_can_module_list;
+        g_can_module_list = next;
+    }
+    for (char **name = g_can_port_list; *name != nullptr; name++) {
+        free(*name);
+    }
+    free(g_can_port_list);
+    g_can_port_list = nullptr;
+}
+
+TEST_F(service, stays_alive_without_ports) {
+    fake.ports.clear();
+    g_fake_sleep.during = [] {
+        if (g_fake_sleep.slept_ms.size() == 3) {
+            stop();
+        }
+    };
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(fake.calls, joined({start_up, {"databases", "databases", "databases"}, shut_down}));
+    EXPECT_THAT(fake.port_threads, IsEmpty());
+}
+
+TEST_F(service, runs_without_rest) {
+    fake.rest_result = -1;
+    EXPECT_THAT(
+        messages_of([] { EXPECT_EQ(service_main(), 0); }),
+        ElementsAre("service_main|can_proprietary rest init fail\n")); // main in the service
+    EXPECT_THAT(sorted_threads(), ElementsAre(0, 1));
+}
+
+TEST_F(service, number_of_ports_is_cut_to_8_bits_for_records) {
+    fake.ports.assign(300, "can");
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(times("traffic init 44"), 1);
+    EXPECT_EQ(times("diag create 44"), 1);
+    EXPECT_EQ(fake.port_threads.size(), 300U);
+}
+
+TEST_F(service, signals_stop_it) {
+    for (const int number : {SIGINT, SIGQUIT, SIGTERM}) {
+        g_stop_requested = 0;
+        fake.calls.clear();
+        fake.port_thread = [number](unsigned index) {
+            if (index == 1) {
+                (void)raise(SIGPIPE); // ignored
+                EXPECT_EQ(g_stop_requested, 0);
+                (void)raise(number);
+            }
+        };
+        EXPECT_EQ(service_main(), 0);
+        EXPECT_EQ(g_stop_requested, 1);
+        EXPECT_EQ(times("databases"), 1);
+    }
+}
+
+TEST_F(service, want_of_memory_for_a_module_leaves_fewer) {
+    for (const int nth : {1, 2}) {
+        g_stop_requested = 0;
+        fake.ports_listed = [nth] { allocation_fault::arm(nth); };
+        int seen = -1;
+        fake.prepare_databases = [&seen] {
+            EXPECT_TRUE(allocation_fault::disarm());
+            seen = modules();
+            return 0;
+        };
+        EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }),
+                    ElementsAre("can_module_init|calloc fail\n"));
+        EXPECT_EQ(seen, nth - 1);
+    }
+    EXPECT_THAT(sorted_threads(), ElementsAre(0, 0, 1, 1));
+}
+
+TEST_F(service, want_of_memory_for_the_threads_ends_it) {
+    for (const int nth : {1, 2}) {
+        g_stop_requested = 0;
+        fake.calls.clear();
+        fake.prepare_databases = [nth] {
+            allocation_fault::arm(nth);
+            return 0;
+        };
+        EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }),
+                    ElementsAre("can_ports_communication_start|calloc fail\n"));
+        EXPECT_TRUE(allocation_fault::disarm());
+        EXPECT_EQ(g_stop_requested, 1);
+        EXPECT_EQ(fake.calls, joined({start_up, begin_of_pass, shut_down}));
+    }
+    EXPECT_THAT(fake.port_threads, IsEmpty());
+}
+
+TEST_F(service, thread_that_cannot_be_had_leaves_the_others) {
+    fake.threads_refused_from = 1;
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_THAT(fake.port_threads, ElementsAre(0));
+    EXPECT_EQ(fake.calls, joined({start_up, begin_of_pass, end_of_pass, shut_down}));
+}
+
+TEST_F(service, log_level_comes_from_the_environment) {
+    (void)setenv("KT_CANOPEN_XLOG_USER_LEVEL", "OFF", 1);
+    fake.rest_result = -1;
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }), IsEmpty());
+    (void)unsetenv("KT_CANOPEN_XLOG_USER_LEVEL");
+}
+
+} // namespace

@@ -1,0 +1,39 @@
+#ifndef KT_TESTS_JSON_FAULT_H
+#define KT_TESTS_JSON_FAULT_H
+
+#include <string>
+
+/* Failing calls of the JSON library that build values or write them as text. One thread. */
+
+namespace json_fault {
+
+/** Let the nth call that builds something fail; 1 is the next one. */
+void arm(int nth);
+
+/** Let the nth call fail that bears a name: "init_object", "init_array", "append", "serialize", or
+    the member that it sets. */
+void arm(const std::string &name, int nth = 1);
+
+/** @return whether a call has failed since arm() */
+bool disarm();
+
+/**
+ * Call attempt() with the first call failing, then with the second, until none is left.
+ * @param check  called with the result and the number of the failed call
+ * @return number of calls that were made to fail
+ */
+template <typename Attempt, typename Check>
+int sweep(Attempt attempt, Check check) {
+    for (int nth = 1;; nth++) {
+        arm(nth);
+        const auto result = attempt();
+        if (!disarm()) {
+            return nth - 1;
+        }
+        check(result, nth);
+    }
+}
+
+} // namespace json_fault
+
+#endif

@@ -1,0 +1,292 @@
+#include "allocation_fault.h"
+#include "recorder_fixture.h"
+
+#include <csignal>
+#include <sys/resource.h>
+
+namespace {
+
+class recorder_failure : public recorder_fixture {
+protected:
+    static messages failing_record(int code) {
+        return messages_of([code] { EXPECT_EQ(record(), code); });
+    }
+
+    static std::string message(const std::string &text) {
+        return "can_proprietary_traffic_record_log|" + text + "\n";
+    }
+
+    /** The log, which has to fail and leave nullptr. */
+    static messages failing_log(int code, int port = 0) {
+        static JSON_Value *const marker = reinterpret_cast<JSON_Value *>(1);
+        JSON_Value *log = marker;
+        messages logged =
+            messages_of([&] { EXPECT_EQ(can_proprietary_traffic_get_log(&log, port), code); });
+        EXPECT_EQ(log, nullptr);
+        return logged;
+    }
+
+    static void replace_by_folder(const std::string &file) {
+        std::filesystem::remove(file);
+        std::filesystem::create_directory(file);
+    }
+};
+
+/** A disk that is full at a size; a write that would exceed it is cut there. */
+class full_disk {
+public:
+    explicit full_disk(size_t size) {
+        (void)signal(SIGXFSZ, SIG_IGN);
+        (void)getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit = {size, before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+    full_disk(const full_disk &) = delete;
+    full_disk &operator=(const full_disk &) = delete;
+    ~full_disk() { EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before_), 0); }
+
+private:
+    rlimit before_{};
+};
+
+TEST_F(recorder_failure, port_at_or_above_the_count_is_refused_by_every_operation) {
+    const uint8_t none = 0;
+    for (const int port : {2, 255, 256}) {
+        const std::string text = "port_idx(" + std::to_string(port) + ") invalid.\n";
+        EXPECT_THAT(messages_of([&] {
+                        EXPECT_EQ(can_proprietary_traffic_start(port), -1);
+                        EXPECT_EQ(can_proprietary_traffic_stop(port), -1);
+                        EXPECT_EQ(can_proprietary_traffic_get_control_state(port), -1);
+                        EXPECT_EQ(can_proprietary_traffic_init_start_time(port), -1);
+                        EXPECT_EQ(can_proprietary_traffic_record_log(
+                                      &none, TRAFFIC_SEND, 1, 0, 0, static_cast<uint16_t>(port)),
+                                  -1);
+                    }),
+                    ElementsAre("can_proprietary_traffic_start|" + text,
+                                "can_proprietary_traffic_stop|" + text,
+                                "can_proprietary_traffic_get_control_state|" + text,
+                                "can_proprietary_traffic_init_start_time|" + text,
+                                "can_proprietary_traffic_record_log|" + text));
+        EXPECT_THAT(failing_log(-1, port), ElementsAre("can_proprietary_traffic_get_log|" + text));
+    }
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(-1), -1); }),
+                ElementsAre("can_proprietary_traffic_start|port_idx(-1) invalid.\n"));
+}
+
+TEST_F(recorder_failure, no_port_is_valid_after_the_end) {
+    can_proprietary_traffic_deinit();
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(state(0), -1); }),
+                ElementsAre("can_proprietary_traffic_get_control_state|port_idx(0) invalid.\n"));
+    can_proprietary_traffic_deinit();
+}
+
+TEST_F(recorder_failure, want_of_memory_at_the_start_leaves_no_port) {
+    EXPECT_THAT(messages_of([] {
+                    EXPECT_EQ(
+                        allocation_fault::sweep([] { return can_proprietary_traffic_init(2); },
+                                                [](int result, int) {
+                                                    EXPECT_EQ(result, -2);
+                                                    EXPECT_EQ(state(0), -1);
+                                                }),
+                        1);
+                }),
+                ElementsAre("can_proprietary_traffic_init|malloc fail.\n",
+                            "can_proprietary_traffic_get_control_state|"
+                            "port_idx(0) invalid.\n"));
+    EXPECT_EQ(state(0), 0);
+}
+
+TEST_F(recorder_failure, csv_file_that_cannot_be_made_keeps_the_state) {
+    replace_by_folder(csv_path());
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(0), -5); }),
+                ElementsAre("can_proprietary_traffic_start|open file " + csv_path() + " fail.\n"));
+    EXPECT_EQ(state(), 0);
+    EXPECT_FALSE(std::filesystem::exists(json_path()));
+}
+
+TEST_F(recorder_failure, json_file_that_cannot_be_made_leaves_the_header_and_keeps_the_state) {
+    replace_by_folder(json_path());
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(0), -5); }),
+                ElementsAre("can_proprietary_traffic_start|open file " + json_path() + " fail.\n"));
+    EXPECT_EQ(csv(), csv_header);
+    EXPECT_EQ(state(), 0);
+}
+
+TEST_F(recorder_failure, folder_that_cannot_be_made_shows_at_the_start_of_a_recording) {
+    std::filesystem::remove_all(path("run"));
+    write(path("run"), "a file where the folder should be");
+    EXPECT_EQ(can_proprietary_traffic_init(1), 0);
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(0), -5); }),
+                ElementsAre("can_proprietary_traffic_start|open file " + csv_path() + " fail.\n"));
+}
+
+TEST_F(recorder_failure, failed_start_of_a_running_port_leaves_it_running) {
+    start();
+    std::filesystem::remove_all(path("run"));
+    EXPECT_EQ(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(0), -5); }).size(), 1U);
+    EXPECT_EQ(state(), 1);
+}
+
+TEST_F(recorder_failure, json_value_that_cannot_be_made_is_logged) {
+    start();
+    parson_fault::arm(parson_fault::call::init_object);
+    EXPECT_THAT(failing_record(-7), ElementsAre(message("init fail(-7)")));
+    EXPECT_EQ(json() + csv(), csv_header);
+}
+
+TEST_F(recorder_failure, each_member_that_cannot_be_set_is_logged) {
+    start();
+    int failures = 0;
+    for (const auto kind : {parson_fault::call::set_string, parson_fault::call::set_number}) {
+        for (int nth = 1;; nth++, failures++) {
+            parson_fault::arm(kind, nth);
+            int result = 7;
+            const messages logged = messages_of([&result] { result = record(); });
+            if (!parson_fault::disarm()) {
+                EXPECT_EQ(result, 0);
+                break;
+            }
+            EXPECT_EQ(result, -6);
+            EXPECT_THAT(logged, ElementsAre(message("json fail(-6)")));
+        }
+    }
+    EXPECT_EQ(failures, 6);
+    const std::string lines = json();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 2);
+}
+
+TEST_F(recorder_failure, text_that_cannot_be_made_is_logged) {
+    start();
+    parson_fault::arm(parson_fault::call::serialize);
+    EXPECT_THAT(failing_record(-6), ElementsAre(message("json_serialize_to_string fail")));
+    EXPECT_EQ(json() + csv(), csv_header);
+}
+
+TEST_F(recorder_failure, lock_that_cannot_be_taken_is_logged) {
+    start();
+    g_fake_semaphore.fails = true;
+    EXPECT_THAT(failing_record(-8), ElementsAre(message("traffic log semaphoreDown fail(-8)")));
+    EXPECT_EQ(json() + csv(), csv_header);
+    EXPECT_THAT(failing_log(-8),
+                ElementsAre("can_proprietary_traffic_get_log|"
+                            "get traffic log semaphoreDown fail(-8)\n"));
+    g_fake_semaphore.fails = false;
+    EXPECT_EQ(record(), 0);
+}
+
+TEST_F(recorder_failure, json_file_that_cannot_be_opened_is_logged) {
+    start();
+    replace_by_folder(json_path());
+    EXPECT_THAT(failing_record(-5), ElementsAre(message("open file fail")));
+    EXPECT_EQ(csv(), csv_header);
+    EXPECT_EQ(state(), 1);
+    EXPECT_EQ(g_fake_semaphore.held, 0);
+}
+
+TEST_F(recorder_failure, csv_file_that_cannot_be_opened_leaves_the_json_line) {
+    start();
+    replace_by_folder(csv_path());
+    EXPECT_THAT(failing_record(-5), IsEmpty());
+    EXPECT_NE(json(), "");
+    EXPECT_EQ(g_fake_semaphore.held, 0);
+}
+
+TEST_F(recorder_failure, full_disk_leaves_no_half_json_line) {
+    start();
+    EXPECT_EQ(record(), 0);
+    const std::string before = json();
+    {
+        const full_disk disk(before.size() + 30);
+        EXPECT_EQ(record(), -5);
+    }
+    EXPECT_EQ(json(), before);
+    EXPECT_EQ(record(), 0);
+    EXPECT_EQ(json(), before + before);
+    JSON_Value *log = nullptr;
+    EXPECT_EQ(can_proprietary_traffic_get_log(&log, 0), 0);
+    EXPECT_EQ(json_array_get_count(json_value_get_array(log)), 2U);
+    json_value_free(log);
+}
+
+TEST_F(recorder_failure, full_disk_leaves_no_half_row) {
+    start();
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(record(), 0);
+    }
+    const std::string before = csv();
+    write(json_path(), "");
+    {
+        const full_disk disk(before.size() + 20);
+        EXPECT_EQ(record(), -5);
+    }
+    EXPECT_EQ(csv(), before);
+    EXPECT_EQ(record(), 0);
+    EXPECT_EQ(csv().substr(before.size(), 2), "4,"); // the lost row took no number
+}
+
+TEST_F(recorder_failure, header_that_cannot_be_written_keeps_the_state) {
+    const full_disk disk(20);
+    EXPECT_EQ(can_proprietary_traffic_start(0), -5);
+    EXPECT_EQ(state(), 0);
+}
+
+TEST_F(recorder_failure, log_without_an_output_is_refused) {
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(can_proprietary_traffic_get_log(nullptr, 0), -1); }),
+                IsEmpty());
+}
+
+TEST_F(recorder_failure, log_of_a_port_that_never_recorded_fails) {
+    EXPECT_THAT(failing_log(-5), IsEmpty());
+    EXPECT_EQ(g_fake_semaphore.held, 0);
+}
+
+TEST_F(recorder_failure, log_without_memory_fails) {
+    start();
+    parson_fault::arm(parson_fault::call::init_array);
+    EXPECT_THAT(failing_log(-7), IsEmpty());
+    EXPECT_EQ(record(), 0);
+    parson_fault::arm(parson_fault::call::append_value);
+    EXPECT_THAT(failing_log(-6), IsEmpty());
+}
+
+TEST_F(recorder_failure, log_with_a_line_that_is_no_json_fails) {
+    start();
+    EXPECT_EQ(record(), 0);
+    const std::string line = json();
+    for (const char *bad : {"{\"time\":\n", "\n", "nonsense\n", "{} {}\n", "{\"half"}) {
+        write(json_path(), line + bad);
+        EXPECT_THAT(failing_log(-6), IsEmpty()) << bad;
+    }
+    EXPECT_EQ(g_fake_semaphore.held, 0);
+}
+
+TEST_F(recorder_failure, mutexes_that_fail_are_told_on_standard_output_and_ignored) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer reports the unlock that follows a lock that failed";
+#endif
+    const auto printed = [](int (*call)(int), int result) {
+        ::testing::internal::CaptureStdout();
+        const int got = call(0);
+        (void)fflush(stdout);
+        g_mutex_fault = {};
+        EXPECT_EQ(got, result);
+        return ::testing::internal::GetCapturedStdout();
+    };
+    const struct {
+        int (*call)(int);
+        int result;
+    } operations[] = {{can_proprietary_traffic_start, 0},
+                      {can_proprietary_traffic_get_control_state, 1},
+                      {can_proprietary_traffic_stop, 0}};
+    for (const auto &operation : operations) {
+        g_mutex_fault.lock_result = 22;
+        EXPECT_EQ(printed(operation.call, operation.result),
+                  "Err, pthread_mutex_lock() return 22\n");
+        g_mutex_fault.unlock_result = 1;
+        EXPECT_EQ(printed(operation.call, operation.result),
+                  "Err, pthread_mutex_unlock() return 1\n");
+    }
+    EXPECT_EQ(state(), 0);
+}
+
+} // namespace
