@@ -69,7 +69,8 @@ def test_the_legacy_node_asks_for_its_setpoint_and_acknowledges(demo_device, bus
     node.expect(0x3A1, "01000000")
     node.send(0x331, "0700")
     node.expect(0x3A1, "01010700")
-    assert unit.lines[1:] == ["can0: setpoint 1000", "can0: command 7"]
+    said = ["can0: setpoint 1000", "can0: command 7"]
+    lane.wait_until(lambda: unit.lines[1:] == said, 5.0, "both lines")
 
 
 def test_extended_identifiers(demo_device, bus):
@@ -167,4 +168,5 @@ def test_the_service_identifies_the_drive_once_at_bootup(gateway, tags, demo_dev
     gateway.start()
     tags.wait_for(block_tag("drive", "identify", "kind"), 1)
     gateway.stop()
-    assert unit.lines[1:] == ["can0: drive identified itself"]
+    said = ["can0: drive identified itself"]
+    lane.wait_until(lambda: unit.lines[1:] == said, 5.0, "one line")

@@ -51,11 +51,13 @@ def gateway():
 class Discards:
     """A discard takes back what others have not applied, and ids may come again with another
     owner. So it excludes requests that change a row by an id that was looked up before, and its
-    count tells whether a row may be missing."""
+    counts tell whether a row may be missing: one made since may be, if more discards have begun
+    than had ended before it."""
 
     def __init__(self):
         self.excluded = threading.Lock()
         self.begun = 0
+        self.ended = 0
 
 
 class Client(threading.Thread):
@@ -133,8 +135,8 @@ class Client(threading.Thread):
         return self.random.choice([produce_json, request_json])(name, *frames, trigger=2)
 
     def make(self) -> tuple[str, int]:
-        """A transaction; its name, and the count of discards before it."""
-        name, before = next(self.names), self.discards.begun
+        """A transaction; its name, and the count of discards that had ended before it."""
+        name, before = next(self.names), self.discards.ended
         body = {**self.body(name), "deviceId": self.device}
         number = self.ask("changes", "POST", "/transaction", body).data["transactionId"]
         found = self.transactions()
@@ -197,6 +199,7 @@ class Client(threading.Thread):
         with self.discards.excluded:
             self.discards.begun += 1
             self.ask("discards", "POST", "/action", {"option": 1})
+            self.discards.ended += 1
         assert self.kept <= set(self.transactions())
 
 
