@@ -30,6 +30,12 @@ void set_import_key(conf_import_error *err, const char *key) {
     (void)snprintf(err->key, sizeof err->key, "%s", key);
 }
 
+int section_checks::query_failed(conf_import_error *err) {
+    log_write_error(
+        function_, __LINE__, "sqlite exec %s, at line %d\n", sqlite3_errmsg(db_), err->line);
+    return fail(err, "internal-err");
+}
+
 int section_checks::prepare(stmt_ptr *statement, const char *sql, conf_import_error *err) {
     if (*statement != nullptr) {
         return 0;
@@ -37,12 +43,29 @@ int section_checks::prepare(stmt_ptr *statement, const char *sql, conf_import_er
     sqlite3_stmt *prepared = nullptr;
     const int result = sqlite3_prepare_v2(db_, sql, -1, &prepared, nullptr);
     statement->reset(prepared);
-    if (result != SQLITE_OK) {
-        log_write_error(
-            function_, __LINE__, "sqlite exec %s, at line %d\n", sqlite3_errmsg(db_), err->line);
-        return fail(err, "internal-err");
+    return result == SQLITE_OK ? 0 : query_failed(err);
+}
+
+int section_checks::run(stmt_ptr *statement, const char *sql, int32_t key, conf_import_error *err) {
+    if (prepare(statement, sql, err) != 0) {
+        return -1;
     }
-    return 0;
+    const int step = rebind(statement->get(), key) ? sqlite3_step(statement->get()) : SQLITE_ERROR;
+    if (step != SQLITE_ROW && step != SQLITE_DONE) {
+        return query_failed(err);
+    }
+    return step == SQLITE_ROW ? 1 : 0;
+}
+
+int section_checks::owner_failed(int32_t frameId, conf_import_error *err) {
+    log_write_error(function_,
+                    __LINE__,
+                    "%s. SQL: SELECT * FROM transactions t JOIN frame f ON t.transactionId = "
+                    "f.transactionId WHERE f.frameId = %d\n",
+                    sqlite3_errmsg(db_),
+                    frameId);
+    err->column = 3;
+    return fail(err, "internal-err");
 }
 
 int section_checks::owner_has_fault_value(int32_t frameId, conf_import_error *err) {
@@ -53,18 +76,17 @@ int section_checks::owner_has_fault_value(int32_t frameId, conf_import_error *er
                                 "f.transactionId WHERE f.frameId = ?";
     sqlite3_stmt *prepared = owner_.get();
     if (prepared == nullptr && sqlite3_prepare_v2(db_, sql, -1, &prepared, nullptr) != SQLITE_OK) {
-        log_write_error(function_, __LINE__, "%s. SQL: %s\n", sqlite3_errmsg(db_), sql);
-        err->column = 3;
-        return fail(err, "internal-err");
+        return owner_failed(frameId, err);
     }
     if (owner_ == nullptr) {
         owner_.reset(prepared);
     }
-    if (!rebind(prepared, frameId)) {
-        return fail(err, "internal-err");
+    const int step = rebind(prepared, frameId) ? sqlite3_step(prepared) : SQLITE_ERROR;
+    if (step != SQLITE_ROW && step != SQLITE_DONE) {
+        return owner_failed(frameId, err);
     }
-    const bool found = sqlite3_step(prepared) == SQLITE_ROW;
     owner_frame_ = frameId;
+    const bool found = step == SQLITE_ROW;
     owner_answer_ =
         found && sqlite3_column_int(prepared, owner_fp_func) == FAULT_PROTECTION_VALUE ? 1 : 0;
     return owner_answer_;
@@ -74,11 +96,8 @@ int section_checks::check_duplicate(const char *sql,
                                     int32_t group,
                                     const char *format,
                                     conf_import_error *err) {
-    if (prepare(&duplicate_, sql, err) != 0 || !rebind(duplicate_.get(), group)) {
-        return -1;
-    }
-    if (sqlite3_step(duplicate_.get()) != SQLITE_ROW) {
-        return 0;
+    if (const int found = run(&duplicate_, sql, group, err); found <= 0) {
+        return found;
     }
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -89,11 +108,10 @@ int section_checks::check_duplicate(const char *sql,
 
 int section_checks::check_tag_size(int32_t frameId, conf_import_error *err) {
     constexpr const char *sql = "SELECT SUM(tagSize) FROM block WHERE frameId = ?";
-    if (prepare(&size_, sql, err) != 0 || !rebind(size_.get(), frameId)) {
+    if (run(&size_, sql, frameId, err) < 0) {
         return -1;
     }
-    const int total =
-        sqlite3_step(size_.get()) == SQLITE_ROW ? sqlite3_column_int(size_.get(), 0) : 0;
+    const int total = sqlite3_column_int(size_.get(), 0);
     if (total <= tag_size_limit) {
         return 0;
     }
@@ -129,13 +147,11 @@ int section_checks::check_port_rows(conf_import_error *err) {
     sqlite3_stmt *prepared = nullptr;
     const int result = sqlite3_prepare_v2(db_, sql, -1, &prepared, nullptr);
     const stmt_ptr statement(prepared);
-    if (result != SQLITE_OK) {
+    if (result != SQLITE_OK || sqlite3_step(prepared) != SQLITE_ROW) {
         log_write_error(function_, __LINE__, "%s. SQL: %s\n", sqlite3_errmsg(db_), sql);
         return fail(err, "internal-err");
     }
-    const bool counted = sqlite3_step(prepared) == SQLITE_ROW;
-    if (!counted ||
-        sqlite3_column_int(prepared, 0) != g_can_port_count.load(std::memory_order_relaxed)) {
+    if (sqlite3_column_int(prepared, 0) != g_can_port_count.load(std::memory_order_relaxed)) {
         log_write_error(
             function_,
             __LINE__,
@@ -147,11 +163,10 @@ int section_checks::check_port_rows(conf_import_error *err) {
 
 int section_checks::check_frame_count(int type, int32_t transactionId, conf_import_error *err) {
     constexpr const char *sql = "SELECT COUNT(*) FROM frame WHERE transactionId = ?";
-    if (prepare(&count_, sql, err) != 0 || !rebind(count_.get(), transactionId)) {
+    if (run(&count_, sql, transactionId, err) < 0) {
         return -1;
     }
-    const int frames =
-        sqlite3_step(count_.get()) == SQLITE_ROW ? sqlite3_column_int(count_.get(), 0) : 0;
+    const int frames = sqlite3_column_int(count_.get(), 0);
     const bool two = type > TRANSACTION_CONSUME;
     if (frames == (two ? 2 : 1)) {
         return 0;
@@ -169,7 +184,8 @@ int section_checks::check_frame_counts(conf_import_error *err) {
         0) {
         return -1;
     }
-    while (sqlite3_step(transactions.get()) == SQLITE_ROW) {
+    int step = sqlite3_step(transactions.get());
+    for (; step == SQLITE_ROW; step = sqlite3_step(transactions.get())) {
         err->line++;
         if (check_frame_count(sqlite3_column_int(transactions.get(), 0),
                               sqlite3_column_int(transactions.get(), 1),
@@ -177,7 +193,7 @@ int section_checks::check_frame_counts(conf_import_error *err) {
             return -1;
         }
     }
-    return 0;
+    return step == SQLITE_DONE ? 0 : query_failed(err);
 }
 
 int section_checks::after_section(conf_import_error *err) {

@@ -33,6 +33,10 @@ public:
 
 private:
     int prepare(stmt_ptr *statement, const char *sql, conf_import_error *err);
+    /** Ask about one key. @retval 1 a row came @retval 0 none @retval -1 failed (logged) */
+    int run(stmt_ptr *statement, const char *sql, int32_t key, conf_import_error *err);
+    int query_failed(conf_import_error *err);
+    int owner_failed(int32_t frameId, conf_import_error *err);
     int check_duplicate(const char *sql, int32_t group, const char *format, conf_import_error *err);
     int check_tag_size(int32_t frameId, conf_import_error *err);
     int check_port_rows(conf_import_error *err);
