@@ -250,7 +250,7 @@ INDEX = block_tag("drive", "query", "index")
 
 
 def test_a_cyclic_request_publishes_its_response(gateway, bus, tags):
-    gateway.configure(device("drive", drive_request(interval=100, timeout=300)))
+    gateway.configure(device("drive", drive_request(interval=100, timeout=60000)))
     node = bus()
     gateway.start()
     for value in (1, 2):
@@ -261,7 +261,7 @@ def test_a_cyclic_request_publishes_its_response(gateway, bus, tags):
 
 
 def test_a_request_on_change_runs_when_its_tag_is_written(gateway, bus, tags):
-    gateway.configure(device("drive", drive_request(trigger=ON_CHANGE, timeout=500)))
+    gateway.configure(device("drive", drive_request(trigger=ON_CHANGE, timeout=60000)))
     gateway.start()
     node = bus()
     node.expect_none(0x601)
