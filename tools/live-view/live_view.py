@@ -215,7 +215,11 @@ def run_plain(arguments, ports: list[str], stopped: threading.Event) -> None:
 
     def say(line: str) -> None:
         with lock:
-            print(line, flush=True)
+            try:
+                print(line, flush=True)
+            except BrokenPipeError:  # the reader of a pipe has gone
+                drop_output()
+                stopped.set()
 
     frames = Frames(ports, lambda frame: say(f"frame {frame.port} {frame.text}"))
     known: dict[str, str] = {}
@@ -230,6 +234,10 @@ def run_plain(arguments, ports: list[str], stopped: threading.Event) -> None:
         frames.stop()
 
 
+def drop_output() -> None:
+    os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description="Live view of tags and CAN frames.")
     parser.add_argument("--ports", required=True, help="CAN interfaces, e.g. can0,can1")
@@ -242,8 +250,8 @@ def main() -> int:
     run = run_terminal if sys.stdout.isatty() else run_plain
     try:
         run(arguments, arguments.ports.split(","), stopped)
-    except BrokenPipeError:  # the reader of a pipe has gone
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+    except BrokenPipeError:
+        drop_output()
     return 0
 
 

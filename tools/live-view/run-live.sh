@@ -5,7 +5,8 @@
 #
 # Uses the machine's CAN interfaces, or the two of a bus world of its own where there are none.
 # Files go below KT_ROOT, by default a scratch folder that is removed at the end. Without --bare: a
-# demonstration configuration, a demonstration device on every port, and the live view.
+# demonstration configuration, loaded through the REST API into a service that has no devices, the
+# demonstration devices that the configuration knows, and the live view.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source_root=$(cd "$here/../.." && pwd)
@@ -50,11 +51,8 @@ if [ -z "${KT_ROOT:-}" ]; then
     export KT_ROOT=$scratch
 fi
 log=$KT_ROOT/service.log
-persistent=$KT_ROOT/data/config/kt-can-proprietary/can_proprietary.db
-working=$KT_ROOT/run/config/kt-can-proprietary/can_proprietary.db
 
 started=()
-service=
 
 # Ask each process to stop, and insist after five seconds.
 stop_all() {
@@ -82,31 +80,40 @@ trap cleanup EXIT
 trap 'exit 0' INT
 trap 'exit 143' TERM HUP
 
-start_service() {
-    "$bin/kt-can-proprietary" 2>>"$log" &
-    service=$!
-    started+=("$service")
+# Wait for a background process: a signal is acted upon at once, and no redirection holds then.
+attend() {
+    local status=0
+    started+=("$1")
+    wait "$1" || status=$?
+    unset 'started[-1]'
+    return "$status"
 }
 
-wait_for() {
+set_tag() {
     local i
     for ((i = 0; i < 200; i++)); do
-        ! "$@" >/dev/null 2>&1 || return 0
-        kill -0 "$service" 2>/dev/null || break
+        ! "$bin/kt-tag" set "$1" "$2" 2>/dev/null || return 0
         sleep 0.05
     done
-    say "the service did not come up:"
-    cat "$log" >&2
-    exit 1
+    say "no tag $1 to set"
 }
 
-stop_service() {
-    stop_all "$service"
-    service=
+# A demonstration device on one port, for the nodes that the configuration has there.
+play() {
+    local port=$1 number=$2 options
+    /usr/bin/python3 "$here/demonstration.py" nodes "$number" >"$KT_ROOT/nodes$number" &
+    attend $!
+    read -ra options <"$KT_ROOT/nodes$number" || true
+    [ ${#options[@]} -gt 0 ] || return 0
+    "$bin/kt-demo-device" --port "$port" "${options[@]}" >"$KT_ROOT/device$number.log" &
+    started+=($!)
+    case " ${options[*]} " in
+        *" drive "*)
+            set_tag can_proprietary/drive/control_command 1
+            set_tag can_proprietary/drive/control_target 1500
+            ;;
+    esac
 }
-
-has_ports() { [ "$(sqlite3 "$working" 'SELECT COUNT(*) FROM interface_setting')" -gt 0 ]; }
-has_tag() { "$bin/kt-tag" get "$1"; }
 
 mkdir -p "$KT_ROOT/etc/default/config/kt-can-proprietary"
 cp "$source_root/schema/can_proprietary.sql" "$KT_ROOT/etc/default/config/kt-can-proprietary/"
@@ -119,26 +126,28 @@ if [ -n "$bare" ]; then
     exit
 fi
 
-# The first start makes the databases; a persistent one that has devices is somebody's own.
-if [ ! -e "$persistent" ]; then
-    start_service
-    wait_for has_ports
-    stop_service
-    sqlite3 -bail "$persistent" <"$source_root/tools/kt-demo-device/demo.sql"
-    rm -f "$working"
+# Nobody chose an address: the default one, unless another program has it.
+if [ -z "${KT_REST_LISTEN:-}" ] && (: <>/dev/tcp/127.0.0.1/8080) 2>/dev/null; then
+    export KT_REST_LISTEN=127.0.0.1:0
 fi
-start_service
-wait_for has_tag can_proprietary/drive/control_command
+
+# An address left behind by a service that was killed would be asked in vain.
+address=$KT_ROOT/run/kt-rest/CAN-proprietary.address
+rm -f "$address"
+"$bin/kt-can-proprietary" 2>>"$log" &
+service=$!
+started+=("$service")
+/usr/bin/python3 "$here/demonstration.py" load --service "$service" &
+if ! attend $!; then
+    say "the service said:"
+    cat "$log" >&2
+    exit 1
+fi
+say "REST API: http${KT_REST_TLS_CERT:+s}://$(cat "$address")/CAN-proprietary"
 
 IFS=, read -ra port_names <<<"$KT_LIVE_PORTS"
-"$bin/kt-demo-device" --port "${port_names[0]}" --node drive --node sensor >"$KT_ROOT/device1.log" &
-started+=($!)
-if [ ${#port_names[@]} -gt 1 ]; then
-    "$bin/kt-demo-device" --port "${port_names[1]}" --node legacy >"$KT_ROOT/device2.log" &
-    started+=($!)
-fi
-"$bin/kt-tag" set can_proprietary/drive/control_command 1
-"$bin/kt-tag" set can_proprietary/drive/control_target 1500
+play "${port_names[0]}" 1
+[ ${#port_names[@]} -lt 2 ] || play "${port_names[1]}" 2
 
 /usr/bin/python3 "$here/live_view.py" --ports "$KT_LIVE_PORTS" --kt-tag "$bin/kt-tag" \
     --hint "Set: KT_ROOT=$KT_ROOT ${bin#"$PWD"/}/kt-tag set NAME VALUE" &
