@@ -5,6 +5,7 @@
 #include "device/clock.h"
 
 #include <array>
+#include <limits>
 #include <utility>
 
 namespace {
@@ -29,6 +30,12 @@ const queue_rule *find_queue(const transaction_config *config) {
         }
     }
     return nullptr;
+}
+
+/** Milliseconds until a node is due, negative when it is overdue; half a turn is still to come. */
+int64_t time_left(const trans_list_node *node, uint32_t now) {
+    const int64_t left = clock_difference(node->transaction->next_send, now);
+    return left == std::numeric_limits<int32_t>::min() ? -left : left;
 }
 
 } // namespace
@@ -67,10 +74,11 @@ void list_append(trans_list *list, trans_list_node *node) {
     list->tail = node;
 }
 
-void list_insert_by_time(trans_list *list, trans_list_node *node) {
+void list_insert_by_time(trans_list *list, trans_list_node *node, uint32_t now) {
+    // Seen from now, since two times may lie further apart than a difference can tell.
+    const int64_t left = time_left(node, now);
     trans_list_node **link = &list->head;
-    while (*link != nullptr &&
-           clock_difference((*link)->transaction->next_send, node->transaction->next_send) <= 0) {
+    while (*link != nullptr && time_left(*link, now) <= left) {
         link = &(*link)->next;
     }
     if (*link == nullptr) {
@@ -82,11 +90,12 @@ void list_insert_by_time(trans_list *list, trans_list_node *node) {
 }
 
 void can_module_order_cyclic(can_module *module) {
+    const uint32_t now = sys_clock_ms();
     for (const list_id id : {PRODUCE_CYCLIC, REQUEST_CYCLIC}) {
         trans_list_node *node = std::exchange(list_of(module, id), {}).head;
         while (node != nullptr) {
             trans_list_node *next = node->next;
-            list_insert_by_time(&list_of(module, id), node);
+            list_insert_by_time(&list_of(module, id), node, now);
             node = next;
         }
     }

@@ -22,8 +22,11 @@ void lower_deadline(uint32_t &earliest, uint32_t deadline);
 /** Append at the tail. */
 void list_append(trans_list *list, trans_list_node *node);
 
-/** Insert after every node that is not due later: stable for equal times, right across the wrap. */
-void list_insert_by_time(trans_list *list, trans_list_node *node);
+/**
+ * Insert after every node that is not due later: stable for equal times, right across the wrap and
+ * for intervals of half a turn of the clock.
+ */
+void list_insert_by_time(trans_list *list, trans_list_node *node, uint32_t now);
 
 /** Bring the cyclic lists, in the order of the configuration at first, into that order. */
 void can_module_order_cyclic(can_module *module);

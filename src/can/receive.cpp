@@ -144,7 +144,7 @@ int wait_for_input(const can_module *module, int32_t wait_ms, fd_set *readable) 
     FD_ZERO(readable);
     add_to_set(module->socket, readable);
     add_to_set(module->event_fd, readable);
-    timeval timeout{wait_ms / 1000, wait_ms % 1000 * 1000};
+    timeval timeout{wait_ms / 1000, wait_ms % 1000 * 1000L};
     const int highest = std::max(module->socket, module->event_fd);
     return select(highest + 1, readable, nullptr, nullptr, &timeout);
 }

@@ -134,7 +134,7 @@ void return_home(can_module *module, const request_queue &queue, uint32_t now) {
     transaction_info *info = node->transaction;
     if (is_cyclic(info->config)) {
         schedule_next(info, now);
-        list_insert_by_time(node->home, node);
+        list_insert_by_time(node->home, node, now);
     } else {
         list_append(node->home, node);
     }
@@ -284,8 +284,9 @@ void send_cyclic(can_module *module) {
             return;
         }
         (void)take_head(&queue);
-        schedule_next(node->transaction, sys_clock_ms());
-        list_insert_by_time(node->home, node);
+        const uint32_t now = sys_clock_ms();
+        schedule_next(node->transaction, now);
+        list_insert_by_time(node->home, node, now);
     }
 }
 

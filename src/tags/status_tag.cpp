@@ -43,6 +43,7 @@ void can_proprietary_device_status_init(uint8_t count) {
     // One slot more than devices: an update may name the slot behind the last one and must find it
     // without a tag.
     const size_t slots = static_cast<size_t>(count) + 1;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): pointers are what it holds
     table.tags.reset(static_cast<dx_tag **>(calloc(slots, sizeof(dx_tag *))));
     table.values.reset(static_cast<uint32_t *>(calloc(slots, sizeof(uint32_t))));
     table.count = table.tags != nullptr && table.values != nullptr ? count : 0;

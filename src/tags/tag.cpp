@@ -6,6 +6,7 @@
 
 #include <kt/dx.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -14,7 +15,8 @@ dx_handle *g_dx_handle = nullptr;
 
 namespace {
 
-constexpr int received_size_max = UINT8_MAX;
+/** A tag's configured size is one byte. */
+constexpr size_t value_size_max = UINT8_MAX;
 
 /** What the dispatch function finds on the handle. */
 struct dx_user {
@@ -81,15 +83,15 @@ void can_proprietary_dx_destroy() {
 int can_proprietary_tag_register(tag_info *info, const tag_block_config *block, int mode) {
     const size_t size = dx_get_value_size(block->tagType, block->tagSize);
     if (g_dx_handle != nullptr) {
-        info->tag =
-            dx_tag_provider_new(g_dx_handle, info->name, block->tagType, block->tagSize, mode);
+        info->tag = dx_tag_provider_new(g_dx_handle, info->name, block->tagType, size, mode);
     }
     if (info->tag == nullptr) {
         (void)printf("de create dx_tag:%s fail, dx_tag_new return NULL\n", info->name);
         return -1;
     }
-    constexpr std::array<uint8_t, DX_VALUE_MAX> zero{};
-    (void)can_proprietary_tag_write(info->tag, {zero.data(), size});
+    // Not every tag service stops at the 8 bytes of a frame.
+    constexpr std::array<uint8_t, value_size_max> zero{};
+    (void)can_proprietary_tag_write(info->tag, {zero.data(), std::min(size, zero.size())});
     dx_tag_set_user_data(info->tag, info);
     return 0;
 }
@@ -134,7 +136,7 @@ void can_proprietary_subscribe_callback(dx_tag *cur_tag) {
     if (is_received_frame(info->frame->config)) {
         return;
     }
-    std::array<uint8_t, received_size_max> value{};
+    std::array<uint8_t, value_size_max> value{};
     if (dx_tag_read(cur_tag, value.data(), info->data->tag_size) <= 0) {
         log_error("can_proprietary_dx_tag_read fail\n");
         return;

@@ -103,6 +103,16 @@ def test_scaling_of_every_type(gateway, bus, tags, kind, layout, raw, by_slope, 
     tags.wait_for(block_tag("drive", "line", "value"), by_points)
 
 
+def test_slope_and_offset_are_those_of_the_point_columns(gateway, bus, tags):
+    columns = dict(slope(2, 5), interceptSlope=100, interceptOffset=1000)
+    gateway.configure(
+        device("drive", consume("state", frame(0x181, 2, tag("value", U16, **columns))))
+    )
+    gateway.start()
+    bus().send(0x181, "0A00")
+    tags.wait_for(VALUE, 25)
+
+
 def test_a_result_is_saturated_to_32_bits_and_then_cut(gateway, bus, tags):
     gateway.configure(
         device(

@@ -200,6 +200,14 @@ TEST(codec, not_a_number_becomes_zero_in_the_integer_types) {
     EXPECT_TRUE(std::isnan(points<double>(TAG_DOUBLE, 20, {5, 5, 7, 7})));
 }
 
+TEST(codec, the_offset_of_points_is_the_difference_of_two_products) {
+    // 1e308 * 10 overflows: offset infinity - infinity, where 1e308 * (10 - 10) would be 0
+    EXPECT_EQ(points<int32_t>(TAG_INT32, 20, {1e308, -1e308, 10, 10}), 0);
+    EXPECT_TRUE(std::isnan(points<double>(TAG_DOUBLE, 20, {1e308, -1e308, 10, 10})));
+    // 1e300 * 1 - 1e300 * 1 is 0, whatever stands beside it
+    EXPECT_EQ(points<double>(TAG_DOUBLE, 20, {1e300, 2e300, 1, 1}), 1.0);
+}
+
 TEST(codec, equal_source_points_divide_by_zero_and_saturate) {
     // slope +inf, offset 0 / 0 + c with a source of 0: -0 * inf is not a number
     EXPECT_EQ(points<uint8_t>(TAG_UINT8, 20, {0, 0, 0, 10}), 0);
@@ -375,6 +383,12 @@ TEST(codec, a_fault_value_takes_as_many_digits_as_the_tag_has_bytes) {
     EXPECT_EQ(fault_value("112233445566778899aabbcc", 2), "1122");
     EXPECT_EQ(fault_value("112233445566778899aabbcc", 8), "1122334455667788");
     EXPECT_EQ(fault_value("1122", 0), "");
+}
+
+TEST(codec, a_fault_value_of_an_odd_number_of_digits_lacks_its_first) {
+    EXPECT_EQ(fault_value("123", 2), "0123");
+    EXPECT_EQ(fault_value("1", 2), "0100");
+    EXPECT_EQ(fault_value("12345", 2), "1234"); // enough of them
 }
 
 TEST(codec, missing_digits_of_a_fault_value_are_zero) {

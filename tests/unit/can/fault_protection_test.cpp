@@ -145,6 +145,20 @@ TEST_F(fault_protection, puts_the_bytes_of_each_tag_at_its_place) {
     EXPECT_EQ(frame_of(), "0001025501020304"); // the constant stays
 }
 
+TEST_F(fault_protection, value_is_swapped_in_the_sent_frame_alone) {
+    transaction_config *made =
+        can_add_transaction(device(), "p", TRANSACTION_PRODUCE, TRIGGER_ON_CHANGE);
+    frame_config *frame = can_add_frame(made, 0x10, 2, FRAME_PRODUCED);
+    can_add_tag(frame, "v", TAG_UINT16, 2, 0)->swap = 1;
+    can_protect(made, 50, "0102");
+    build(1000);
+    EXPECT_THAT(check_at(1051), ElementsAre("write can_proprietary/dev/p_v 0102", "commit"));
+    EXPECT_EQ(frame_of(), "0102");
+    take_tag_writes();
+    (void)tx();
+    EXPECT_THAT(can_take_lines({"send"}), ElementsAre("send 10#0201"));
+}
+
 TEST_F(fault_protection, of_function_1_is_all_zero_bytes) {
     transaction_config *made = add("p", TRIGGER_CYCLIC, 0x10);
     made->fpFunc = FAULT_PROTECTION_ZERO;
@@ -353,6 +367,46 @@ TEST_F(fault_protection_of_port, is_not_checked_during_bootup) {
     can_calls().refuse_frames = false;
     EXPECT_THAT(pass_at(2001), IsEmpty()); // the bootup frame alone
     EXPECT_THAT(pass_at(2002), ElementsAre(both_written[0], both_written[1]));
+}
+
+TEST_F(fault_protection_of_port, does_not_concern_bootup_transactions) {
+    can_protect(can_add_produce(device(), "p", TRIGGER_BOOTUP, 0x10), 50, "ee");
+    can_protect(can_add_request(device(), "r", TRIGGER_BOOTUP, 0x20, 0x21), 50, "ee");
+    build(1000);
+    can_clock_set(2000);
+    (void)tx();
+    EXPECT_THAT(can_take_lines({"write", "send"}), ElementsAre("send 20#00", "send 10#00"));
+    EXPECT_EQ(module.earliest_fp_deadline, no_deadline);
+}
+
+TEST_F(fault_protection_of_port, is_off_in_cyclic_frames_of_other_functions) {
+    for (const uint8_t function : {uint8_t{0}, uint8_t{3}}) {
+        const std::string name(1, static_cast<char>('a' + function));
+        transaction_config *frame = can_add_produce(device(), name.c_str(), TRIGGER_CYCLIC, 0x10);
+        can_protect(frame, 50, "ee");
+        frame->fpFunc = function;
+        transaction_config *request =
+            can_add_request(device(), (name + "r").c_str(), TRIGGER_CYCLIC, 0x20, 0x21);
+        can_protect(request, 50, "ee");
+        request->fpFunc = function;
+    }
+    build(1000);
+    can_clock_set(1100);
+    (void)tx();
+    EXPECT_THAT(can_take_lines({"write", "send"}),
+                ElementsAre("send 20#00", "send 10#00", "send 10#00"));
+}
+
+TEST_F(fault_protection_of_port, of_a_request_on_change_is_no_part_of_its_sending) {
+    can_protect(can_add_request(device(), "r", TRIGGER_ON_CHANGE, 0x20, 0x21), 50, "ee");
+    build(1000);
+    (void)pass_at(1000);
+    write_tag("dev/r_v", {7});
+    module.earliest_fp_deadline = 5000; // the step of the pass that looks at them stands aside
+    module.fp_check_wanted = false;
+    can_clock_set(1200);
+    (void)tx();
+    EXPECT_THAT(can_take_lines({"write", "send"}), ElementsAre("send 20#07"));
 }
 
 TEST_F(fault_protection_of_port, works_across_the_wrap_of_the_clock) {

@@ -7,9 +7,12 @@
 #include "can_journal.h"
 #include "core/state.h"
 
+#include <kt/platform.h>
+
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/can/raw.h>
@@ -21,6 +24,22 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+std::function<void()> on_termination;
+
+} // namespace
+
+extern "C" {
+int __real_can_set_termination_resistor_state(can_port *port, int state);
+int __wrap_can_set_termination_resistor_state(can_port *port, int state) {
+    if (on_termination) {
+        on_termination();
+    }
+    return __real_can_set_termination_resistor_state(port, state);
+}
+}
+
+namespace {
 
 bool is_open(int fd) {
     return fcntl(fd, F_GETFD) >= 0;
@@ -123,6 +142,17 @@ TEST_F(bring_up, switches_the_termination_and_gives_the_port_back) {
     (void)commands_of(settings);
     EXPECT_THAT(can_take_lines({"resistor"}), ElementsAre("resistor can0 0"));
     EXPECT_EQ(can_device_open_ports(), 0);
+}
+
+TEST_F(bring_up, switches_the_termination_once_the_link_is_down) {
+    std::vector<std::string> before;
+    on_termination = [&] { before = commands.calls(); };
+    const std::vector<std::string> after = commands_of({});
+    on_termination = {};
+    EXPECT_THAT(before, ElementsAre("link set down can0"));
+    EXPECT_THAT(
+        after,
+        ElementsAre("link set can0 type can bitrate 10000 restart-ms 0", "link set up can0"));
 }
 
 TEST_F(bring_up, goes_on_without_a_platform_port) {

@@ -122,7 +122,7 @@ TEST_F(module_list, insert_by_time_goes_behind_every_node_that_is_not_later) {
     trans_list_node *also_10 = make(10);
     trans_list_node *also_30 = make(30);
     for (trans_list_node *node : {at_20, at_10, at_30, also_20, also_10, also_30}) {
-        list_insert_by_time(&list, node);
+        list_insert_by_time(&list, node, 15);
     }
     EXPECT_THAT(content(), ElementsAre(at_10, also_10, at_20, also_20, at_30, also_30));
 }
@@ -132,9 +132,21 @@ TEST_F(module_list, insert_by_time_is_right_across_the_wrap_of_the_clock) {
     trans_list_node *before = make(0xfffffffaU);
     trans_list_node *at = make(0);
     for (trans_list_node *node : {after, before, at}) {
-        list_insert_by_time(&list, node);
+        list_insert_by_time(&list, node, 0xfffffff0U);
     }
     EXPECT_THAT(content(), ElementsAre(before, at, after));
+}
+
+TEST_F(module_list, insert_by_time_puts_an_overdue_node_before_one_half_a_turn_away) {
+    constexpr uint32_t now = 1000;
+    trans_list_node *farthest = make(now + 0x80000000U);
+    trans_list_node *far = make(now + 0x7fffffffU);
+    trans_list_node *overdue = make(now - 5);
+    trans_list_node *next = make(now + 20);
+    for (trans_list_node *node : {farthest, far, overdue, next}) {
+        list_insert_by_time(&list, node, now);
+    }
+    EXPECT_THAT(content(), ElementsAre(overdue, next, far, farthest));
 }
 
 TEST_F(module_list, remove_unlinks_the_head_the_middle_and_the_tail) {

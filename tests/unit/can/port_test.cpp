@@ -163,6 +163,27 @@ TEST_F(can_port_thread, starts_in_order_and_releases_everything) {
     expect_released(before);
 }
 
+TEST_F(can_port_thread, waits_the_initial_delay_between_link_and_socket) {
+    can_device().interface.initialDelay = 40;
+    size_t commands_before = 0;
+    can_calls().on_sleep = [&] {
+        commands_before = commands.calls().size();
+        can_note("delay");
+    };
+    EXPECT_EQ(run(), "");
+    const can_lines lines = can_take_lines({"settings", "delay", "socket"});
+    EXPECT_THAT(lines, ElementsAre("settings 2", "delay", "socket 3 1"));
+    EXPECT_EQ(commands_before, 3U);
+}
+
+TEST_F(can_port_thread, reckons_the_first_times_from_after_the_initial_delay) {
+    can_device().interface.initialDelay = 5000;
+    can_add_produce(device(), "p", TRIGGER_CYCLIC, 0x10)->cyclicInterval = 70;
+    run_for(1);
+    EXPECT_EQ(run(), "");
+    EXPECT_THAT(can_calls().waits_ms, ElementsAre(70));
+}
+
 TEST_F(can_port_thread, commits_no_tags_of_a_port_without_devices) {
     EXPECT_EQ(run(), "");
     EXPECT_THAT(can_take_lines({"commit"}), IsEmpty());

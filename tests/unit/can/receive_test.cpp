@@ -78,10 +78,12 @@ TEST_F(receive_wait, with_a_done_bootup_request_follows_the_state_of_the_first_a
         set_state("first", row.state, row.deadline);
         EXPECT_EQ(wait(), row.wait) << int{row.state} << " " << row.deadline;
     }
-    // Not even a due frame shortens it.
+    // Not even a due frame or deadline shortens it.
     set_state("first", STATE_TIMEOUT);
     can_clock_advance(100);
     move("change", PRODUCE_CHANGE_QUEUE);
+    module.earliest_fp_deadline = can_clock_now();
+    module.earliest_consume_deadline = can_clock_now();
     EXPECT_EQ(wait(), 1000U);
 }
 
@@ -387,8 +389,17 @@ TEST_F(receive_pass, on_an_extended_port_drops_standard_frames_uncounted) {
     put(0x10 | CAN_EFF_FLAG, {1});
     EXPECT_EQ(rx(), 0);
     EXPECT_EQ(record.rxCount, 1U);
+    EXPECT_EQ(record.bit_count, 75U);
     EXPECT_THAT(can_take_lines({"traffic", "result"}),
                 ElementsAre("traffic received 80000010#01 port 3", "result c success"));
+}
+
+TEST_F(receive_pass, on_an_extended_port_takes_error_frames_too) {
+    module.settings.frameFormat = 1;
+    build();
+    put(CAN_ERR_FLAG | CAN_ERR_RESTARTED, {0, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(rx(), 0);
+    EXPECT_THAT(can_take_lines(), ElementsAre("bus 3 Normal", "led 0"));
 }
 
 TEST_F(receive_pass, makes_the_answer_to_a_remote_frame_pending) {
@@ -418,6 +429,14 @@ TEST_F(receive_pass, of_a_remote_frame_nobody_answers_counts_and_records_it_only
     EXPECT_EQ(module.pending_answer, node("a"));
     EXPECT_THAT(can_take_lines(), ElementsAre("traffic received 40000012# remote port 3"));
     EXPECT_EQ(record.rxCount, 2U);
+}
+
+TEST_F(receive_pass, counts_the_length_of_a_remote_frame_as_bits) {
+    build();
+    put(0x10 | CAN_RTR_FLAG, {0, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(rx(), 0);
+    EXPECT_EQ(record.rxCount, 1U);
+    EXPECT_EQ(record.bit_count, 67U + 64U);
 }
 
 TEST_F(receive_pass, masks_the_identifier_of_an_extended_remote_frame) {

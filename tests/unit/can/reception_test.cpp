@@ -215,6 +215,26 @@ TEST_F(reception, a_missing_tag_is_printed_and_does_not_stop_the_others) {
     missing->tag = kept;
 }
 
+TEST_F(reception, succeeds_where_the_tag_service_takes_no_values) {
+    can_add_consume(device(), "c", 0x10);
+    build();
+    can_dx().fail_writes = true;
+    can_lines lines;
+    EXPECT_EQ(can_errors_of([&] { lines = take(0x10, {1}); }),
+              can_error("can_proprietary_update_status_tag", "dx tag wrtie fail"));
+    EXPECT_THAT(lines, ElementsAre("result c success", "commit"));
+    EXPECT_EQ(info("c")->state, STATE_SUCCESS);
+}
+
+TEST_F(reception, constants_that_overlap_and_differ_match_no_frame) {
+    frame_config *frame = consume(2);
+    can_add_constant(frame, 0x1111, 2, 0);
+    can_add_constant(frame, 0x22, 1, 1);
+    build();
+    EXPECT_THAT(take_again(0x10, {0x11, 0x11}), ElementsAre("result c failed"));
+    EXPECT_THAT(take_again(0x10, {0x11, 0x22}), ElementsAre("result c failed"));
+}
+
 TEST_F(reception, every_frame_of_a_consume_transaction_is_held_against_its_first) {
     frame_config *frame = consume(1);
     can_add_tag(frame, "v", TAG_UINT8, 1, 0);

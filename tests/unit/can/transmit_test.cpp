@@ -53,6 +53,16 @@ TEST_F(transaction_engine, a_sent_frame_is_recorded_and_then_its_success_noted) 
     EXPECT_EQ(info("p")->state, STATE_SUCCESS);
 }
 
+TEST_F(transaction_engine, a_refused_frame_is_neither_counted_nor_recorded) {
+    can_add_produce(device(), "p", TRIGGER_BOOTUP, 0x123);
+    build();
+    can_calls().refuse_frames = true;
+    EXPECT_EQ(tx(), 0);
+    EXPECT_THAT(can_take_lines(), ElementsAre("refused 123#00", "result p failed"));
+    EXPECT_EQ(can_device_record().txCount, 0U);
+    EXPECT_EQ(can_device_record().bit_count, 0U);
+}
+
 TEST_F(transaction_engine, a_sent_frame_arrives_on_the_bus_as_16_bytes) {
     can_add_produce(device(), "p", TRIGGER_BOOTUP, 0x123);
     build();
@@ -308,6 +318,15 @@ TEST_F(transaction_engine, an_interval_of_0_sends_once_a_pass) {
     EXPECT_THAT(pass(), ElementsAre("send 10#00", "result p success"));
 }
 
+TEST_F(transaction_engine, an_interval_of_half_a_turn_of_the_clock_holds_up_no_other) {
+    can_add_produce(device(), "never", TRIGGER_CYCLIC, 0x10)->cyclicInterval = 0x7fffffff;
+    can_add_produce(device(), "always", TRIGGER_CYCLIC, 0x11)->cyclicInterval = -5;
+    build(1000);
+    EXPECT_EQ(wait(), 0U);
+    EXPECT_THAT(pass(), ElementsAre("send 11#00", "result always success"));
+    EXPECT_THAT(pass(), ElementsAre("send 11#00", "result always success"));
+}
+
 /* On-change frames. */
 
 TEST_F(transaction_engine, a_written_tag_sends_its_on_change_frame_once) {
@@ -388,6 +407,18 @@ TEST_F(transaction_engine, a_cyclic_request_awaits_its_response_and_starts_anew)
     EXPECT_EQ(module.waiting, nullptr);
     EXPECT_THAT(pass_at(1239), IsEmpty());
     EXPECT_THAT(pass_at(1240), ElementsAre("send 20#00")); // from the time it went home
+}
+
+TEST_F(transaction_engine, a_written_cyclic_request_wakes_nobody_when_it_goes_home) {
+    can_add_request(device(), "r", TRIGGER_CYCLIC, 0x20, 0x21);
+    build(1000);
+    (void)pass_at(1100);
+    write_tag("dev/r_v", {7});
+    respond(0x21, {1});
+    EXPECT_THAT(pass_at(1140), IsEmpty());
+    EXPECT_THAT(names(REQUEST_CYCLIC), ElementsAre("r"));
+    EXPECT_FALSE(is_woken());
+    EXPECT_THAT(pass_at(1240), ElementsAre("send 20#07"));
 }
 
 TEST_F(transaction_engine, a_failed_response_ends_the_request_too) {
@@ -482,6 +513,54 @@ TEST_F(transaction_engine, a_resent_request_is_not_built_anew) {
     write_tag("dev/r_v", {8});
     EXPECT_THAT(pass_at(1100), ElementsAre("send 20#07"));
     EXPECT_EQ(info("r")->data_changed, 1);
+}
+
+TEST_F(transaction_engine, a_resent_request_is_counted_and_recorded_again) {
+    can_add_request(device(), "r", TRIGGER_CYCLIC, 0x20, 0x21)->timeoutRetry = 1;
+    build(1000);
+    (void)pass_at(1100);
+    can_clock_set(1200);
+    (void)tx();
+    EXPECT_THAT(can_take_lines(), ElementsAre("send 20#00", "traffic sent 20#00 port 0"));
+    EXPECT_EQ(can_device_record().txCount, 2U);
+    EXPECT_EQ(can_device_record().bit_count, 150U);
+}
+
+TEST_F(transaction_engine, a_timeout_of_a_device_without_status_tag_is_a_timeout_all_the_same) {
+    can_add_request(device(), "r", TRIGGER_CYCLIC, 0x20, 0x21);
+    build(1000);
+    info("r")->device_status_index = no_device_index;
+    (void)pass_at(1100);
+    can_clock_set(1200);
+    EXPECT_EQ(can_errors_of([&] { EXPECT_EQ(tx(), 0); }), "");
+    EXPECT_THAT(can_take_lines(), ElementsAre("result r timeout"));
+}
+
+TEST_F(transaction_engine, a_timeout_is_one_where_the_tag_service_takes_no_values) {
+    can_add_request(device(), "r", TRIGGER_CYCLIC, 0x20, 0x21);
+    build(1000);
+    (void)pass_at(1100);
+    can_clock_set(1200);
+    can_dx().fail_writes = true;
+    EXPECT_EQ(can_errors_of([&] { EXPECT_EQ(tx(), 0); }),
+              can_error("can_proprietary_update_status_tag", "dx tag wrtie fail"));
+    EXPECT_THAT(can_take_lines(), ElementsAre("result r timeout"));
+    EXPECT_THAT(names(REQUEST_CYCLIC), ElementsAre("r"));
+}
+
+TEST_F(transaction_engine, cyclic_requests_go_home_to_their_place_in_time) {
+    can_add_request(device(), "late", TRIGGER_CYCLIC, 0x20, 0x21)->cyclicInterval = 500;
+    can_add_request(device(), "soon", TRIGGER_CYCLIC, 0x22, 0x23)->cyclicInterval = 100;
+    can_add_request(device(), "same", TRIGGER_CYCLIC, 0x24, 0x25)->cyclicInterval = 400;
+    build(1000);
+    EXPECT_THAT(pass_at(1100), ElementsAre("send 22#00"));
+    EXPECT_THAT(names(REQUEST_CYCLIC), ElementsAre("same", "late"));
+    respond(0x23, {1});
+    info("soon")->next_send = 0; // reckoned anew
+    can_clock_set(1300);
+    EXPECT_THAT(pass(), IsEmpty()); // home for 1400, behind the one that was there
+    EXPECT_EQ(info("soon")->next_send, 1400U);
+    EXPECT_THAT(names(REQUEST_CYCLIC), ElementsAre("same", "soon", "late"));
 }
 
 TEST_F(transaction_engine, a_refused_resend_is_tried_again_with_the_next_pass) {
@@ -618,6 +697,20 @@ TEST_F(transaction_engine, a_remote_request_is_answered_once) {
     EXPECT_THAT(pass(), IsEmpty());
     EXPECT_THAT(names(PRODUCE_CYCLIC), ElementsAre("p"));
     EXPECT_EQ(info("p")->next_send, 1100U);
+}
+
+TEST_F(transaction_engine, an_answer_knows_no_fault_protection) {
+    transaction_config *transaction = can_add_produce(device(), "p", TRIGGER_CYCLIC, 0x10);
+    transaction->triggerByRTR = 1;
+    transaction->cyclicInterval = 500;
+    can_protect(transaction, 50, "ee");
+    build(1000);
+    can_dx_put("can_proprietary/dev/p_v", {7});
+    can_clock_set(1200);
+    receive(0x10 | CAN_RTR_FLAG, {});
+    (void)can_take_lines();
+    EXPECT_THAT(pass(), ElementsAre("send 10#07", "result p success"));
+    EXPECT_EQ(tag_of("p")->fault_mark, 0);
 }
 
 TEST_F(transaction_engine, a_refused_answer_is_not_tried_again) {

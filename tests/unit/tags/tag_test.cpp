@@ -4,12 +4,14 @@
 #include "can_journal.h"
 #include "tags/tag.h"
 
+#include <cerrno>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -105,10 +107,19 @@ TEST_F(tag_of_frame, is_provided_with_its_type_size_and_mode_and_a_zero_value) {
     EXPECT_EQ(dx_tag_get_user_data(info.tag), &info);
 }
 
-TEST_F(tag_of_frame, starts_with_zeros_over_the_whole_value) {
+TEST_F(tag_of_frame, is_as_large_as_the_tag_service_says_and_starts_with_zeros) {
     describe(TAG_UINT64, 2, 0); // the value is as wide as the type
     EXPECT_EQ(can_proprietary_tag_register(&info, &block, 2), 0);
-    EXPECT_THAT(can_take_lines({"write"}), ElementsAre("write t 0000000000000000"));
+    EXPECT_THAT(can_take_lines(),
+                ElementsAre("provide t type 8 size 8 mode 2", "write t 0000000000000000"));
+}
+
+TEST_F(tag_of_frame, of_the_largest_size_starts_with_zeros_too) {
+    describe(TAG_RAW, 255, 0);
+    EXPECT_EQ(can_proprietary_tag_register(&info, &block, 2), 0);
+    EXPECT_THAT(
+        can_take_lines(),
+        ElementsAre("provide t type 13 size 255 mode 2", "write t " + std::string(510, '0')));
 }
 
 TEST_F(tag_of_frame, that_cannot_be_provided_is_printed) {
@@ -203,6 +214,16 @@ TEST_F(tag_of_frame, has_its_time_of_update_before_the_port_is_woken) {
     can_dx_put("t", {1, 2});
     EXPECT_FALSE(woken_too_early);
     EXPECT_TRUE(is_woken());
+}
+
+TEST_F(tag_of_frame, is_taken_under_the_ports_mutex_and_leaves_it_free) {
+    provide();
+    int seen = 0;
+    can_clock_on_read([&] { seen = pthread_mutex_trylock(&module.mutex); });
+    can_dx_put("t", {1, 2});
+    EXPECT_EQ(seen, EBUSY);
+    EXPECT_EQ(pthread_mutex_trylock(&module.mutex), 0);
+    (void)pthread_mutex_unlock(&module.mutex);
 }
 
 TEST_F(tag_of_frame, is_written_through_for_sent_frames_only) {
@@ -333,6 +354,16 @@ TEST_F(tag_dispatch, walks_the_whole_chain_of_an_index) {
     EXPECT_EQ(errors, can_error("can_proprietary_subscribe_callback", "tag_info is NULL\n"));
     EXPECT_TRUE(is_taken());
     dx_tag_destroy(other);
+}
+
+TEST_F(tag_dispatch, leaves_out_entries_without_a_tag) {
+    can_dx_move(info.tag, 5);
+    dx_tag *gone = dx_tag_provider_new(g_dx_handle, "gone", TAG_UINT8, 1, 2);
+    can_dx_move(gone, 5);
+    ASSERT_EQ(std::exchange(dx_lookup_head(g_dx_handle, 5)->tag, nullptr), gone);
+    EXPECT_EQ(can_errors_of([] { can_dx_deliver(5); }), "");
+    EXPECT_TRUE(is_taken());
+    dx_tag_destroy(gone);
 }
 
 TEST_F(tag_dispatch, does_nothing_without_the_services_record) {
