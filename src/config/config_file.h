@@ -35,7 +35,7 @@ int can_proprietary_conf_export(const char *path);
  */
 int can_proprietary_conf_import(const char *path, conf_import_error *err);
 
-/* Writers of one section: 0, or -1 when a row cannot be written (logged). */
+/* Writers of one section: 0; -1 when a row cannot be written, -7 out of memory (both logged). */
 int export_interface_setting_parm(sqlite3 *db, FILE *file);
 int export_device_parm(sqlite3 *db, FILE *file);
 int export_transaction_parm(sqlite3 *db, FILE *file);

@@ -53,11 +53,13 @@ std::string columns_of(const char *message, const char *prefix) {
 
 void classify_import_error(conf_import_error *err, const char *message, const char *column_prefix) {
     if (message == nullptr) {
-        assign(err->key, "syntax-err");
-    } else if (take_raised_key(err, message)) {
+        message = "";
+    }
+    if (take_raised_key(err, message)) {
         return;
-    } else if (strstr(message, "device is full") != nullptr ||
-               strstr(message, "transactions is full") != nullptr) {
+    }
+    if (strstr(message, "device is full") != nullptr ||
+        strstr(message, "transactions is full") != nullptr) {
         assign(err->key, "table-full");
     } else if (strstr(message, "FOREIGN KEY constraint") != nullptr) {
         assign(err->key, "foreign-key-constraint-failed");

@@ -15,13 +15,12 @@
 namespace {
 
 using working_copy_ptr = std::unique_ptr<sqlite3, call_on_delete<can_proprietary_db_close>>;
-
-constexpr const char *owner_query =
-    "SELECT * FROM transactions t JOIN frame f ON t.transactionId = f.transactionId WHERE "
-    "f.frameId = %d";
+using block_ptr = std::unique_ptr<block_config, call_on_delete<conf_free_block_list>>;
 
 /** Position of fpFunc among the columns of the owner query. */
 constexpr int owner_fp_func = 7;
+
+constexpr const char *block_writer = "export_block_parm";
 
 constexpr uint8_t block_type_column = 2;
 constexpr uint8_t tag_type_column = 5;
@@ -33,35 +32,40 @@ struct owner_lookup {
     stmt_ptr statement;
 };
 
-int prepare_owner(owner_lookup *owner, int frameId) {
+int owner_failed(const owner_lookup &owner, int frameId) {
+    log_write_error("write_tag_detail_info_to_csv",
+                    __LINE__,
+                    "%s. SQL: SELECT * FROM transactions t JOIN frame f ON t.transactionId = "
+                    "f.transactionId WHERE f.frameId = %d\n",
+                    sqlite3_errmsg(owner.db),
+                    frameId);
+    log_write_error(block_writer, __LINE__, "write_tag_detail_info_to_csv is fail");
+    return -1;
+}
+
+int prepare_owner(owner_lookup *owner) {
     sqlite3_stmt *prepared = nullptr;
     constexpr const char *sql =
         "SELECT * FROM transactions t JOIN frame f ON t.transactionId = f.transactionId WHERE "
         "f.frameId = ?";
     const int result = sqlite3_prepare_v2(owner->db, sql, -1, &prepared, nullptr);
     owner->statement.reset(prepared);
-    if (result == SQLITE_OK) {
-        return 0;
-    }
-    char text[sql_text_bytes];
-    (void)snprintf(text, sizeof text, owner_query, frameId);
-    log_write_error(
-        "write_tag_detail_info_to_csv", __LINE__, "%s. SQL: %s\n", sqlite3_errmsg(owner->db), text);
-    log_write_error("export_block_parm", __LINE__, "write_tag_detail_info_to_csv is fail");
-    return -1;
+    return result;
 }
 
 /** @retval 1 the owning transaction has a fault value per tag @retval 0 not @retval -1 (logged) */
 int has_fault_value(owner_lookup *owner, int frameId) {
-    if (owner->statement == nullptr && prepare_owner(owner, frameId) != 0) {
-        return -1;
+    if (owner->statement == nullptr && prepare_owner(owner) != SQLITE_OK) {
+        return owner_failed(*owner, frameId);
     }
     sqlite3_stmt *statement = owner->statement.get();
     (void)sqlite3_reset(statement); // reports the failure of a step that was reported already
-    if (sqlite3_bind_int(statement, 1, frameId) != SQLITE_OK) {
-        return -1;
+    const bool bound = sqlite3_bind_int(statement, 1, frameId) == SQLITE_OK;
+    const int step = bound ? sqlite3_step(statement) : SQLITE_ERROR;
+    if (step != SQLITE_ROW && step != SQLITE_DONE) {
+        return owner_failed(*owner, frameId);
     }
-    const bool found = sqlite3_step(statement) == SQLITE_ROW;
+    const bool found = step == SQLITE_ROW;
     return found && sqlite3_column_int(statement, owner_fp_func) == FAULT_PROTECTION_VALUE ? 1 : 0;
 }
 
@@ -139,7 +143,18 @@ int write_row(FILE *file, const table &table, sqlite3_stmt *row, owner_lookup *o
     return 0;
 }
 
-int write_rows(const char *function, const table &table, sqlite3 *db, FILE *file) {
+/** A block that its record cannot hold is not written. @retval 0 @retval -1 @retval -7 (logged) */
+int check_block(sqlite3_stmt *row) {
+    const block_ptr record(allocate_zeroed<block_config>().release());
+    const int result = record == nullptr ? -7 : block_get_row(row, record.get());
+    if (result == -7) {
+        log_write_error(block_writer, __LINE__, "Memory allocation failed\n");
+    }
+    return result;
+}
+
+int write_rows(const char *function, table_id id, sqlite3 *db, FILE *file) {
+    const table &table = table_of(id);
     char sql[64];
     (void)snprintf(sql, sizeof sql, "SELECT * FROM %s", table.name);
     sqlite3_stmt *prepared = nullptr;
@@ -152,6 +167,9 @@ int write_rows(const char *function, const table &table, sqlite3 *db, FILE *file
     owner_lookup owner{db, nullptr};
     int step = sqlite3_step(prepared);
     for (; step == SQLITE_ROW; step = sqlite3_step(prepared)) {
+        if (const int checked = id == TABLE_BLOCK ? check_block(prepared) : 0; checked != 0) {
+            return checked;
+        }
         if (write_row(file, table, prepared, &owner) != 0) {
             return -1;
         }
@@ -167,7 +185,7 @@ int write_rows(const char *function, const table &table, sqlite3 *db, FILE *file
 int write_section(const char *function, table_id id, sqlite3 *db, FILE *file) {
     const table &table = table_of(id);
     (void)fprintf(file, "%s\n%s\n", table.head, table.header);
-    const int result = write_rows(function, table, db, file);
+    const int result = write_rows(function, id, db, file);
     (void)fputc('\n', file);
     return result;
 }

@@ -1,3 +1,4 @@
+#include "config/authorizer.h"
 #include "config/config_file.h"
 #include "config/database.h"
 #include "config/import_checks.h"
@@ -5,6 +6,7 @@
 #include "config/tables.h"
 #include "core/log.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdio>
@@ -20,6 +22,7 @@ constexpr size_t line_max = 255;
 
 constexpr uint8_t block_type_column = 2;
 
+using working_copy_ptr = std::unique_ptr<sqlite3, call_on_delete<can_proprietary_db_close>>;
 using line_buffer = std::array<char, line_max + 1>;
 
 /** What differs between the five readers. */
@@ -37,8 +40,9 @@ struct row_reading {
     const section_reader *reader;
     section_checks *checks;
     conf_import_error *err;
-    uint16_t known; /* relevances so far */
-    int32_t group;  /* the key that duplicate tests are about, -1 while unread */
+    uint16_t known;      /* relevances so far */
+    int32_t group;       /* the key that duplicate tests are about, -1 while unread */
+    const char *refusal; /* what is wrong with a value that must not reach SQL, else nullptr */
     std::string sql;
 };
 
@@ -104,14 +108,25 @@ bool is_name(std::string_view text) {
     return true;
 }
 
-/** What may stand in a number column: no text, no operator beyond a sign, nothing to nest. */
-bool is_number_like(std::string_view text) {
-    for (const char c : text) {
-        if (isalnum(static_cast<unsigned char>(c)) == 0 && strchr("+-. _\t", c) == nullptr) {
+bool is_hexadecimal(std::string_view text) {
+    return text.starts_with("0x") || text.starts_with("0X");
+}
+
+/** What may stand in a number column: one number, which no operator makes another one. */
+bool is_number_like(std::string_view text, bool hexadecimal) {
+    char before = '\0';
+    for (const char c : text.substr(std::min(text.find_first_not_of(" \t"), text.size()))) {
+        const bool is_sign = c == '+' || c == '-';
+        const bool may_be_signed =
+            before == '\0' || (!hexadecimal && (before == 'e' || before == 'E'));
+        if (is_sign
+                ? !may_be_signed
+                : isalnum(static_cast<unsigned char>(c)) == 0 && strchr(". _\t", c) == nullptr) {
             return false;
         }
+        before = c;
     }
-    return text.find("--") == std::string_view::npos;
+    return true;
 }
 
 /** A name with characters that names must not have; each table words and keys it its own way. */
@@ -151,9 +166,24 @@ int refused(const row_reading &row, const char *message) {
     return -1;
 }
 
+/** Such a value fails with its row, as it would if SQL saw it: what else is wrong is said first. */
+void refuse_unless_number_like(row_reading *row, std::string_view field, bool hexadecimal) {
+    if (!is_number_like(field, hexadecimal)) {
+        row->refusal = "unrecognized token";
+    }
+}
+
+/** An identifier is hexadecimal with and without its prefix. */
+void append_can_id(std::string *sql, std::string_view field) {
+    constexpr size_t completed_max = 19;
+    if (is_hexadecimal(field)) {
+        sql->append(field);
+    } else {
+        sql->append((std::string("0x").append(field)).substr(0, completed_max));
+    }
+}
+
 int append_value(row_reading *row, const column &column, std::string_view field, int position) {
-    constexpr size_t can_id_max = 19;
-    const bool prefixed = field.starts_with("0x") || field.starts_with("0X");
     switch (column.kind) {
     case column_kind::NAME:
         if (!is_name(field)) {
@@ -163,20 +193,16 @@ int append_value(row_reading *row, const column &column, std::string_view field,
     case column_kind::TEXT:
     case column_kind::CONSTANT:
         if (field.find('\'') != std::string_view::npos) {
-            return refused(*row, "near \"'\": syntax error"); // it would leave its quotes
+            row->refusal = "near \"'\": syntax error"; // it would leave its quotes
         }
         row->sql.append("'").append(field).append("'");
         return 0;
     case column_kind::CAN_ID:
-        if (!is_number_like(field)) {
-            return refused(*row, "near \"canId\": syntax error");
-        }
-        row->sql.append(prefixed ? "" : "0x").append(field.substr(0, can_id_max));
+        refuse_unless_number_like(row, field, true); // else 6E+02 would be a sum
+        append_can_id(&row->sql, field);
         return 0;
     default:
-        if (!is_number_like(field)) {
-            return refused(*row, "unrecognized token");
-        }
+        refuse_unless_number_like(row, field, is_hexadecimal(field));
         row->sql.append(field);
         return 0;
     }
@@ -228,7 +254,8 @@ int build_statement(row_reading *row, std::string_view line) {
     const table &table = table_of(row->reader->table);
     row->sql.assign("INSERT INTO ").append(table.name).append(" VALUES (");
     bool at_end = false;
-    for (uint8_t i = 0; i < table.columns.size(); i++) {
+    const auto count = static_cast<uint8_t>(table.columns.size());
+    for (uint8_t i = 0; i < count; i++) {
         const column &column = table.columns[i];
         if (at_end) {
             return missing_column(*row, i + 1);
@@ -251,6 +278,9 @@ int build_statement(row_reading *row, std::string_view line) {
 }
 
 int insert(sqlite3 *db, const row_reading &row) {
+    if (row.refusal != nullptr) {
+        return refused(row, row.refusal);
+    }
     sqlite3_stmt *prepared = nullptr;
     int result = SQLITE_TOOBIG;
     if (row.sql.size() < sql_text_bytes) {
@@ -273,7 +303,7 @@ int read_row(const section_reader &reader,
     if (!fill_empty_fields(line, &filled)) {
         return fail(err, "internal-err");
     }
-    row_reading row{&reader, checks, err, 0, -1, {}};
+    row_reading row{&reader, checks, err, 0, -1, nullptr, {}};
     if (build_statement(&row, filled) != 0 || insert(db, row) != 0) {
         return -1;
     }
@@ -317,8 +347,11 @@ int read_section(const section_reader &reader, sqlite3 *db, FILE *file, conf_imp
     }
     section_checks checks(reader.function, reader.table, db);
     line_buffer line{};
-    while (read_line(file, line) && !ends_section(line.data())) {
-        err->line++;
+    while (read_line(file, line)) {
+        err->line++; // the line that ends the section counts, too
+        if (ends_section(line.data())) {
+            break;
+        }
         if (read_row(reader, db, line.data(), &checks, err) != 0) {
             return -1;
         }
@@ -329,13 +362,28 @@ int read_section(const section_reader &reader, sqlite3 *db, FILE *file, conf_imp
 constexpr const char *no_header = "get csv_line error";
 constexpr const char *colum_message = "Data error at line %d, colum name error\n";
 
-using reader_function = int (*)(sqlite3 *db, FILE *file, conf_import_error *err);
-
-constexpr std::array<reader_function, TABLE_COUNT> readers = {import_interface_setting_parm,
-                                                              import_device_parm,
-                                                              import_transaction_parm,
-                                                              import_frame_parm,
-                                                              import_block_parm};
+constexpr std::array<section_reader, TABLE_COUNT> sections = {{
+    {"import_interface_setting_parm",
+     TABLE_INTERFACE,
+     "Data error at line %d, column name error\n",
+     no_header,
+     false,
+     false},
+    {"import_device_parm", TABLE_DEVICE, colum_message, no_header, true, false},
+    {"import_transaction_parm",
+     TABLE_TRANSACTIONS,
+     "Data error at line %d, transaction column name error\n",
+     no_header,
+     true,
+     true},
+    {"import_frame_parm", TABLE_FRAME, colum_message, no_header, true, false},
+    {"import_block_parm",
+     TABLE_BLOCK,
+     colum_message,
+     "Data error at line %d, syntax error\n",
+     true,
+     true},
+}};
 
 constexpr const char *import_function = "can_proprietary_conf_import";
 
@@ -350,6 +398,13 @@ table_id table_of_head(const char *line) {
         id++;
     }
     return static_cast<table_id>(id);
+}
+
+/** A failed import leaves the file alone, and so its time, by which changes are known. */
+void keep_changes_in_memory(sqlite3 *db) {
+    (void)sqlite3_set_authorizer(db, nullptr, nullptr); // it lets no PRAGMA pass
+    (void)sqlite3_exec(db, "PRAGMA cache_spill = OFF", nullptr, nullptr, nullptr);
+    allow_configuration_rows_only(db);
 }
 
 int check_all_seen(const std::array<bool, TABLE_COUNT> &seen, conf_import_error *err) {
@@ -383,7 +438,7 @@ int read_sections(sqlite3 *db, FILE *file, conf_import_error *err) {
             return fail(err, "syntax-err");
         }
         seen[id] = true;
-        if (readers[id](db, file, err) != 0) {
+        if (read_section(sections[id], db, file, err) != 0) {
             copy_table_name(err, id);
             return -1;
         }
@@ -394,45 +449,23 @@ int read_sections(sqlite3 *db, FILE *file, conf_import_error *err) {
 } // namespace
 
 int import_interface_setting_parm(sqlite3 *db, FILE *file, conf_import_error *err) {
-    return read_section({__func__,
-                         TABLE_INTERFACE,
-                         "Data error at line %d, column name error\n",
-                         no_header,
-                         false,
-                         false},
-                        db,
-                        file,
-                        err);
+    return read_section(sections[TABLE_INTERFACE], db, file, err);
 }
 
 int import_device_parm(sqlite3 *db, FILE *file, conf_import_error *err) {
-    return read_section(
-        {__func__, TABLE_DEVICE, colum_message, no_header, true, false}, db, file, err);
+    return read_section(sections[TABLE_DEVICE], db, file, err);
 }
 
 int import_transaction_parm(sqlite3 *db, FILE *file, conf_import_error *err) {
-    return read_section({__func__,
-                         TABLE_TRANSACTIONS,
-                         "Data error at line %d, transaction column name error\n",
-                         no_header,
-                         true,
-                         true},
-                        db,
-                        file,
-                        err);
+    return read_section(sections[TABLE_TRANSACTIONS], db, file, err);
 }
 
 int import_frame_parm(sqlite3 *db, FILE *file, conf_import_error *err) {
-    return read_section(
-        {__func__, TABLE_FRAME, colum_message, no_header, true, false}, db, file, err);
+    return read_section(sections[TABLE_FRAME], db, file, err);
 }
 
 int import_block_parm(sqlite3 *db, FILE *file, conf_import_error *err) {
-    return read_section(
-        {__func__, TABLE_BLOCK, colum_message, "Data error at line %d, syntax error\n", true, true},
-        db,
-        file,
-        err);
+    return read_section(sections[TABLE_BLOCK], db, file, err);
 }
 
 int can_proprietary_conf_import(const char *path, conf_import_error *err) {
@@ -445,14 +478,21 @@ int can_proprietary_conf_import(const char *path, conf_import_error *err) {
         log_error("open fail\n");
         return -1;
     }
-    sqlite3 *db = can_proprietary_db_get();
+    working_copy_ptr db(can_proprietary_db_get());
     if (db == nullptr) {
         log_error("get db fail\n");
         return -1;
     }
-    can_proprietary_db_start_set_db(db);
-    const int result = read_sections(db, file.get(), err);
-    const int ended = can_proprietary_db_end_set_db(db, result == 0 ? 1 : 0);
+    keep_changes_in_memory(db.get());
+    can_proprietary_db_start_set_db(db.get());
+    if (sqlite3_get_autocommit(db.get()) != 0) {
+        return fail(err, "internal-err"); // every row would count at once
+    }
+    int result = read_sections(db.get(), file.get(), err);
+    if (result == 0 && ferror(file.get()) != 0) {
+        result = fail(err, "internal-err"); // what was read is not the whole file
+    }
+    const int ended = can_proprietary_db_end_set_db(db.release(), result == 0 ? 1 : 0);
     if (result == 0 && ended != 0) {
         return fail(err, "internal-err"); // a commit that failed changed nothing
     }

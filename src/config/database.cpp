@@ -107,7 +107,7 @@ sqlite3 *open_db(const char *path) {
 }
 
 void sleep_between_steps() {
-    constexpr timespec pause = {0, 250 * 1000 * 1000};
+    constexpr timespec pause = {0, 250 * 1000 * 1000L};
     (void)nanosleep(&pause, nullptr); // a signal may cut the pause short
 }
 

@@ -50,6 +50,20 @@ int build_schema(const std::string &file, const char *schema) {
 /** Saving the schema marks the persistent rows as fitting it, so a migration does that last. */
 enum class schema_copy { save, later };
 
+/** A migration replaces the old file where a removal would have failed. */
+void report_default_db_in_the_way(schema_copy copy, int reason) {
+    if (copy == schema_copy::later) {
+        log_write_error("do_migration",
+                        __LINE__,
+                        "Fail to remove %s, Error : %s\n",
+                        default_db_path().c_str(),
+                        strerror(reason));
+    } else {
+        log_write_error(
+            "create_default_db", __LINE__, "Fail to open default file. %s\n", strerror(reason));
+    }
+}
+
 int create_default_db(schema_copy copy) {
     make_folder(data_folder);
     const std::string shipped = shipped_schema_path();
@@ -72,7 +86,7 @@ int create_default_db(schema_copy copy) {
         return -1;
     }
     if (!install_file(fresh, default_db_path())) {
-        log_error("Fail to open default file. %s\n", strerror(errno));
+        report_default_db_in_the_way(copy, errno);
         remove_database(fresh);
         return -1;
     }

@@ -18,12 +18,12 @@ using working_copy_ptr = std::unique_ptr<sqlite3, call_on_delete<can_proprietary
 constexpr const char *sql_failure = "%s. SQL: %s\n";
 constexpr const char *interface_sql_failure = "%s. Sql: %s\n";
 
-/** A statement with its text, which messages quote. */
+/** A statement for rows with a key, with its text, which messages quote. */
 struct query {
     const char *function;
     sqlite3 *db;
-    heap_ptr<char> sql;
-    stmt_ptr statement;
+    heap_ptr<char> sql = nullptr;
+    stmt_ptr statement = nullptr;
 
     void log_failure(const char *format) const {
 // The two formats are the constants above.
@@ -34,18 +34,26 @@ struct query {
     }
 };
 
-int prepare(query *query, const char *format, int id, const char *failure = sql_failure) {
-    query->sql.reset(static_cast<char *>(malloc(sql_text_bytes)));
+/** Ready a query for a key. It is prepared once, however many keys it serves. */
+int prepare(query *query, const char *select, int key, const char *failure = sql_failure) {
+    if (query->sql == nullptr) {
+        query->sql.reset(static_cast<char *>(malloc(sql_text_bytes)));
+    }
     if (query->sql == nullptr) {
         return -7;
     }
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    (void)snprintf(query->sql.get(), sql_text_bytes, format, id);
-#pragma GCC diagnostic pop
-    sqlite3_stmt *prepared = nullptr;
-    const int result = sqlite3_prepare_v2(query->db, query->sql.get(), -1, &prepared, nullptr);
-    query->statement.reset(prepared);
+    int result = SQLITE_OK;
+    if (query->statement == nullptr) {
+        (void)snprintf(query->sql.get(), sql_text_bytes, "%s?", select);
+        sqlite3_stmt *prepared = nullptr;
+        result = sqlite3_prepare_v2(query->db, query->sql.get(), -1, &prepared, nullptr);
+        query->statement.reset(prepared);
+    }
+    (void)snprintf(query->sql.get(), sql_text_bytes, "%s%d", select, key);
+    if (result == SQLITE_OK) {
+        (void)sqlite3_reset(query->statement.get()); // repeats the result of the last run
+        result = sqlite3_bind_int(query->statement.get(), 1, key);
+    }
     if (result != SQLITE_OK) {
         query->log_failure(failure);
         return result == SQLITE_NOMEM ? -7 : -1;
@@ -107,58 +115,130 @@ void free_transaction_list(transaction_config *transactions) {
     }
 }
 
-int read_blocks(sqlite3 *db, block_config **list, int frameId) {
-    constexpr const char *function = "can_proprietary_conf_get_frame_config";
-    query blocks{function, db, nullptr, nullptr};
-    if (const int result = prepare(&blocks, "SELECT * FROM block WHERE frameId = %d", frameId);
+/** The queries of a device and what is below it. */
+struct tree_queries {
+    explicit tree_queries(sqlite3 *db)
+        : device{device_function, db}, transactions{device_function, db},
+          transaction{transaction_function, db}, frames{transaction_function, db},
+          frame{frame_function, db}, blocks{frame_function, db} {}
+
+    static constexpr const char *device_function = "can_proprietary_conf_get_device_config";
+    static constexpr const char *transaction_function =
+        "can_proprietary_conf_get_transaction_config";
+    static constexpr const char *frame_function = "can_proprietary_conf_get_frame_config";
+
+    query device;
+    query transactions;
+    query transaction;
+    query frames;
+    query frame;
+    query blocks;
+};
+
+int read_blocks(tree_queries *tree, block_config **list, int frameId) {
+    query &blocks = tree->blocks;
+    if (const int result = prepare(&blocks, "SELECT * FROM block WHERE frameId = ", frameId);
         result != 0) {
         return result;
     }
     return read_list<block_config, conf_free_block_list>(
-        blocks, list, [](sqlite3_stmt *row, block_config *record) {
+        blocks, list, [&blocks](sqlite3_stmt *row, block_config *record) {
             const int result = block_get_row(row, record);
             if (result != 0) {
-                log_write_error(function, __LINE__, "block_get_row fail\n");
+                log_write_error(blocks.function, __LINE__, "block_get_row fail\n");
             }
             return result;
         });
 }
 
-int read_frames(sqlite3 *db, frame_config **list, int transactionId) {
-    constexpr const char *function = "can_proprietary_conf_get_transaction_config";
-    query frames{function, db, nullptr, nullptr};
+int read_frame(tree_queries *tree, frame_config *record, int frameId) {
+    query &frame = tree->frame;
+    if (const int result = prepare(&frame, "SELECT * FROM frame WHERE frameId = ", frameId);
+        result != 0) {
+        return result;
+    }
+    const int found = step(frame);
+    if (found < 0) {
+        return -1;
+    }
+    if (found == 1) {
+        frame_get_row(frame.statement.get(), record);
+    }
+    return read_blocks(tree, &record->blocks, frameId);
+}
+
+int read_frames(tree_queries *tree, frame_config **list, int transactionId) {
+    query &frames = tree->frames;
     if (const int result =
-            prepare(&frames, "SELECT * FROM frame WHERE transactionId = %d", transactionId);
+            prepare(&frames, "SELECT * FROM frame WHERE transactionId = ", transactionId);
         result != 0) {
         return result;
     }
     return read_list<frame_config, conf_free_frame_list>(
-        frames, list, [db](sqlite3_stmt *row, frame_config *record) {
-            const int result = can_proprietary_conf_get_frame_config(db, record, key_of_row(row));
-            if (result != 0) {
-                log_write_error(function, __LINE__, "get_constant_config error\n");
+        frames, list, [tree](sqlite3_stmt *row, frame_config *record) {
+            if (read_frame(tree, record, key_of_row(row)) != 0) {
+                log_write_error(tree->frames.function, __LINE__, "get_constant_config error\n");
+                return -1; // whatever the cause, as the callers know it
             }
-            return result == -7 ? -7 : (result != 0 ? -1 : 0);
+            return 0;
         });
 }
 
-int read_transactions(sqlite3 *db, transaction_config **list, int deviceId) {
-    constexpr const char *function = "can_proprietary_conf_get_device_config";
-    query transactions{function, db, nullptr, nullptr};
+int read_transaction(tree_queries *tree, transaction_config *record, int transactionId) {
+    query &transaction = tree->transaction;
+    constexpr const char *select = "SELECT * FROM transactions WHERE transactionId = ";
+    if (const int result = prepare(&transaction, select, transactionId); result != 0) {
+        return result;
+    }
+    const int found = step(transaction);
+    if (found == 0) {
+        log_write_error(transaction.function, __LINE__, "transactionId not found\n");
+    }
+    if (found != 1) {
+        return -1;
+    }
+    if (const int result = transaction_get_row(transaction.statement.get(), record); result != 0) {
+        return result;
+    }
+    return read_frames(tree, &record->frames, transactionId);
+}
+
+int read_transactions(tree_queries *tree, transaction_config **list, int deviceId) {
+    query &transactions = tree->transactions;
     if (const int result =
-            prepare(&transactions, "SELECT * FROM transactions WHERE deviceId = %d", deviceId);
+            prepare(&transactions, "SELECT * FROM transactions WHERE deviceId = ", deviceId);
         result != 0) {
         return result;
     }
     return read_list<transaction_config, free_transaction_list>(
-        transactions, list, [db](sqlite3_stmt *row, transaction_config *record) {
-            const int result =
-                can_proprietary_conf_get_transaction_config(db, record, key_of_row(row));
+        transactions, list, [tree](sqlite3_stmt *row, transaction_config *record) {
+            const int result = read_transaction(tree, record, key_of_row(row));
             if (result != 0) {
-                log_write_error(function, __LINE__, "get_device_all_transaction_config fail\n");
+                log_write_error(tree->transactions.function,
+                                __LINE__,
+                                "get_device_all_transaction_config fail\n");
             }
             return result;
         });
+}
+
+int read_device(tree_queries *tree, device_config *record, int deviceId) {
+    query &device = tree->device;
+    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = ", deviceId);
+        result != 0) {
+        return result;
+    }
+    const int found = step(device);
+    if (found == 0) {
+        log_write_error(device.function, __LINE__, "deviceId not found\n");
+    }
+    if (found != 1) {
+        return -1;
+    }
+    if (const int result = device_get_row(device.statement.get(), record); result != 0) {
+        return result;
+    }
+    return read_transactions(tree, &record->transactions, deviceId);
 }
 
 /** A connection that sees one state of the database until it is closed. */
@@ -172,9 +252,9 @@ working_copy_ptr open_snapshot() {
 }
 
 int check_port_row(sqlite3 *db, const char *function, int portId) {
-    query port{function, db, nullptr, nullptr};
+    query port{function, db};
     if (const int result =
-            prepare(&port, "SELECT * FROM interface_setting WHERE portId = %d", portId);
+            prepare(&port, "SELECT * FROM interface_setting WHERE portId = ", portId);
         result != 0) {
         return result;
     }
@@ -204,8 +284,8 @@ int can_proprietary_conf_get_interface_config(interface_config *record, int port
         log_error("db row count fail\n");
         return -1;
     }
-    query settings{__func__, db.get(), nullptr, nullptr};
-    constexpr const char *sql = "SELECT * FROM interface_setting WHERE portId = %d";
+    query settings{__func__, db.get()};
+    constexpr const char *sql = "SELECT * FROM interface_setting WHERE portId = ";
     if (const int result = prepare(&settings, sql, portId, interface_sql_failure); result != 0) {
         return result;
     }
@@ -226,8 +306,8 @@ int can_proprietary_conf_get_interface_device_config(device_config **list, int p
         log_error("param fail\n");
         return -1;
     }
-    query devices{__func__, db.get(), nullptr, nullptr};
-    if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = %d", portId);
+    query devices{__func__, db.get()};
+    if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = ", portId);
         result != 0) {
         return result;
     }
@@ -244,15 +324,15 @@ int can_proprietary_conf_get_port_config(device_config **list, int portId) {
         return result;
     }
     constexpr const char *function = "can_proprietary_conf_get_port_config";
-    query devices{function, db.get(), nullptr, nullptr};
-    if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = %d", portId);
+    tree_queries tree(db.get());
+    query devices{function, db.get()};
+    if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = ", portId);
         result != 0) {
         return result;
     }
     return read_list<device_config, conf_free_device_list>(
-        devices, list, [&db](sqlite3_stmt *row, device_config *record) {
-            const int result =
-                can_proprietary_conf_get_device_config(db.get(), record, key_of_row(row));
+        devices, list, [&tree](sqlite3_stmt *row, device_config *record) {
+            const int result = read_device(&tree, record, key_of_row(row));
             if (result != 0) {
                 log_write_error(function, __LINE__, "can_proprietary_get_device_config fail\n");
             }
@@ -265,22 +345,8 @@ int can_proprietary_conf_get_device_config(sqlite3 *db, device_config *record, i
         log_error("param fail\n");
         return -1;
     }
-    query device{__func__, db, nullptr, nullptr};
-    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = %d", deviceId);
-        result != 0) {
-        return result;
-    }
-    const int found = step(device);
-    if (found == 0) {
-        log_error("deviceId not found\n");
-    }
-    if (found != 1) {
-        return -1;
-    }
-    if (const int result = device_get_row(device.statement.get(), record); result != 0) {
-        return result;
-    }
-    return read_transactions(db, &record->transactions, deviceId);
+    tree_queries tree(db);
+    return read_device(&tree, record, deviceId);
 }
 
 int can_proprietary_conf_get_device_name_config(device_config *record, int deviceId) {
@@ -289,8 +355,8 @@ int can_proprietary_conf_get_device_name_config(device_config *record, int devic
         log_error("param fail\n");
         return -1;
     }
-    query device{__func__, db.get(), nullptr, nullptr};
-    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = %d", deviceId);
+    query device{__func__, db.get()};
+    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = ", deviceId);
         result != 0) {
         return result;
     }
@@ -304,22 +370,8 @@ int can_proprietary_conf_get_transaction_config(sqlite3 *db,
         log_error("param fail\n");
         return -1;
     }
-    query transaction{__func__, db, nullptr, nullptr};
-    constexpr const char *sql = "SELECT * FROM transactions WHERE transactionId = %d";
-    if (const int result = prepare(&transaction, sql, transactionId); result != 0) {
-        return result;
-    }
-    const int found = step(transaction);
-    if (found == 0) {
-        log_error("transactionId not found\n");
-    }
-    if (found != 1) {
-        return -1;
-    }
-    if (const int result = transaction_get_row(transaction.statement.get(), record); result != 0) {
-        return result;
-    }
-    return read_frames(db, &record->frames, transactionId);
+    tree_queries tree(db);
+    return read_transaction(&tree, record, transactionId);
 }
 
 int can_proprietary_conf_get_frame_config(sqlite3 *db, frame_config *record, int frameId) {
@@ -327,19 +379,8 @@ int can_proprietary_conf_get_frame_config(sqlite3 *db, frame_config *record, int
         log_error("param fail\n");
         return -1;
     }
-    query frame{__func__, db, nullptr, nullptr};
-    if (const int result = prepare(&frame, "SELECT * FROM frame WHERE frameId = %d", frameId);
-        result != 0) {
-        return result;
-    }
-    const int found = step(frame);
-    if (found < 0) {
-        return -1;
-    }
-    if (found == 1) {
-        frame_get_row(frame.statement.get(), record);
-    }
-    return read_blocks(db, &record->blocks, frameId);
+    tree_queries tree(db);
+    return read_frame(&tree, record, frameId);
 }
 
 int can_proprietary_conf_get_device_num(uint8_t *count) {
@@ -384,8 +425,8 @@ int can_proprietary_conf_get_overview_config(overview_info *info, int portId) {
     if (can_proprietary_db_get_row_count(db.get(), "device", condition.data(), &devices) != 0) {
         return -1;
     }
-    query rows{__func__, db.get(), nullptr, nullptr};
-    if (const int result = prepare(&rows, "SELECT * FROM device WHERE portId = %d", portId);
+    query rows{__func__, db.get()};
+    if (const int result = prepare(&rows, "SELECT * FROM device WHERE portId = ", portId);
         result != 0) {
         return result;
     }

@@ -38,7 +38,8 @@ int can_proprietary_conf_get_device_config(sqlite3 *db, device_config *record, i
 /** Id, port and name of a device. */
 int can_proprietary_conf_get_device_name_config(device_config *record, int deviceId);
 
-/** One transaction with frames and blocks. */
+/** One transaction with frames and blocks. A frame that cannot be read is -1, whatever the cause.
+ */
 int can_proprietary_conf_get_transaction_config(sqlite3 *db,
                                                 transaction_config *record,
                                                 int transactionId);

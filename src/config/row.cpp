@@ -72,6 +72,11 @@ Field number(sqlite3_stmt *row, int column) {
     return static_cast<Field>(sqlite3_column_int(row, column));
 }
 
+/** Any number but 0, also one that is no 32-bit integer. */
+bool flag(sqlite3_stmt *row, int column) {
+    return sqlite3_column_double(row, column) != 0;
+}
+
 const char *text(sqlite3_stmt *row, int column) {
     const auto *value = reinterpret_cast<const char *>(sqlite3_column_text(row, column));
     return value == nullptr ? "" : value;
@@ -164,8 +169,8 @@ void interface_get_row(sqlite3_stmt *row, interface_config *record) {
     record->frameFormat = number<int32_t>(row, INTERFACE_FRAME_FORMAT);
     record->baudrate = number<int32_t>(row, INTERFACE_BAUDRATE);
     record->initialDelay = number<int32_t>(row, INTERFACE_INITIAL_DELAY);
-    record->busOffReset = sqlite3_column_int(row, INTERFACE_BUS_OFF_RESET) != 0;
-    record->resistor = sqlite3_column_int(row, INTERFACE_RESISTOR) != 0;
+    record->busOffReset = flag(row, INTERFACE_BUS_OFF_RESET);
+    record->resistor = flag(row, INTERFACE_RESISTOR);
 }
 
 int device_get_row(sqlite3_stmt *row, device_config *record) {

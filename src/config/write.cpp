@@ -148,6 +148,20 @@ int last_key(const char *function, sqlite3 *db, const char *table, int *key) {
     return 0;
 }
 
+/** Execute an INSERT that embeds texts. @param[out] key of the new row */
+int insert(const char *function,
+           sqlite3 *db,
+           const sql_ptr &sql,
+           std::initializer_list<const char *> texts,
+           const char *table,
+           int *key) {
+    if (sql == nullptr) {
+        return -7;
+    }
+    return execute_with(function, db, sql.get(), texts) == 0 ? last_key(function, db, table, key)
+                                                             : -1;
+}
+
 /** Whether a bound name with its bound keys is taken. @retval 0 free @retval -1 taken or failed */
 int check_name_free(const char *function,
                     sqlite3 *db,
@@ -264,14 +278,9 @@ int can_proprietary_conf_insert_device_config(sqlite3 *db,
     const sql_ptr sql = format_sql("INSERT INTO device (deviceName, portId) VALUES ('%s', %d)",
                                    config->deviceName,
                                    config->portId);
-    if (sql == nullptr) {
-        return -7;
-    }
-    if (execute_with(__func__, db, sql.get(), {config->deviceName}) != 0) {
-        return -1;
-    }
     int key = 0;
-    if (const int result = last_key(__func__, db, "device", &key); result != 0) {
+    if (const int result = insert(__func__, db, sql, {config->deviceName}, "device", &key);
+        result != 0) {
         return result;
     }
     *deviceId = static_cast<uint8_t>(key);
@@ -334,14 +343,10 @@ int can_proprietary_conf_insert_transaction_config(sqlite3 *db,
         config->consumeTimeout,
         config->timeoutRetry,
         config->responseTimeout);
-    if (sql == nullptr) {
-        return -7;
-    }
-    if (execute_with(__func__, db, sql.get(), {config->transactionName}) != 0) {
-        return -1;
-    }
     int key = 0;
-    if (const int result = last_key(__func__, db, "transactions", &key); result != 0) {
+    if (const int result =
+            insert(__func__, db, sql, {config->transactionName}, "transactions", &key);
+        result != 0) {
         return result;
     }
     inserted->transactionId = static_cast<uint16_t>(key);
@@ -409,14 +414,8 @@ int can_proprietary_conf_insert_frame_config(sqlite3 *db,
                                    config->canId,
                                    config->dataLength,
                                    config->frameType);
-    if (sql == nullptr) {
-        return -7;
-    }
-    if (execute(__func__, db, sql.get()) != 0) {
-        return -1;
-    }
     int key = 0;
-    if (const int result = last_key(__func__, db, "frame", &key); result != 0) {
+    if (const int result = insert(__func__, db, sql, {}, "frame", &key); result != 0) {
         return result;
     }
     inserted->frameId = static_cast<uint16_t>(key);
@@ -475,11 +474,10 @@ int can_proprietary_conf_insert_tag_block_config(sqlite3 **db,
     if (sql == nullptr) {
         return abandon(db, -7);
     }
-    if (execute_with(__func__, *db, sql.get(), {tag->tagName, tag->access, tag->fpData}) != 0) {
-        return -1;
-    }
     int key = 0;
-    if (const int result = last_key(__func__, *db, "block", &key); result != 0) {
+    const int result =
+        insert(__func__, *db, sql, {tag->tagName, tag->access, tag->fpData}, "block", &key);
+    if (result != 0) {
         return result;
     }
     inserted->blockId = static_cast<uint16_t>(key);
@@ -508,14 +506,9 @@ int can_proprietary_conf_insert_constant_block_config(sqlite3 *db,
                                    constant->constantName,
                                    constant->constantSize,
                                    value.data());
-    if (sql == nullptr) {
-        return -7;
-    }
-    if (execute_with(__func__, db, sql.get(), {constant->constantName}) != 0) {
-        return -1;
-    }
     int key = 0;
-    if (const int result = last_key(__func__, db, "block", &key); result != 0) {
+    if (const int result = insert(__func__, db, sql, {constant->constantName}, "block", &key);
+        result != 0) {
         return result;
     }
     inserted->blockId = static_cast<uint16_t>(key);

@@ -67,11 +67,12 @@ def test_a_broken_pipe_does_not_end_it(gateway, bus, tags):
     assert_serves(bus, tags)
 
 
-def test_a_stopped_service_takes_its_tags_away(gateway, tags):
+def test_a_stopped_service_takes_its_tags_away_and_switches_the_led_off(gateway, tags):
     gateway.configure(sensor())
     gateway.start()
     gateway.stop()
     assert tags.names() == set()
+    assert gateway.led().startswith("state 0 (off)")
 
 
 def test_without_a_schema_it_ends_with_status_255(gateway):
@@ -119,13 +120,17 @@ def test_a_schema_that_is_no_sql_ends_it(gateway):
 
 
 def test_the_working_copy_outlives_a_restart(gateway):
-    """Edits that were not applied are lost with the RAM file system, not with the process."""
+    """Edits that were not applied are lost with the RAM file system, not with the process.
+
+    A start counts them as unchanged, as the ports run by them from then on.
+    """
     gateway.configure(sensor())
     gateway.start()
     gateway.stop()
     gateway.edit(WORKING_DB, sensor("edited", 0x182))
     gateway.start()
     assert "can_proprietary/edited/status" in gateway.tags.names()
+    assert gateway.asked("GET", "/config-change") == {"result": 0}
 
 
 def test_a_missing_working_copy_comes_back_from_the_persistent_database(gateway):

@@ -107,3 +107,27 @@ def test_two_ports_share_the_row_numbers(gateway, bus):
         for port in (0, 1)
     ]
     assert numbers == [[1, 3, 5], [2, 4, 6]]
+
+
+def test_an_apply_ends_a_recording_and_keeps_its_files(gateway, bus):
+    gateway.configure(listeners()[0])  # two of one identifier cannot be applied
+    gateway.start()
+    gateway.record(1, True)
+    node = bus()
+    node.send(0x123, "01")
+    wait_until(lambda: len(lines(gateway)) == 1)
+    recorded = csv(gateway).read_text(), lines(gateway)
+    gateway.apply()
+
+    def off() -> bool:
+        status, answer = gateway.rest("GET", "/traffic/1")  # refused between two passes
+        return status == 200 and answer["data"]["action"] == 0
+
+    wait_until(off)
+
+    def hears() -> bool:
+        node.send(0x124)
+        return gateway.diagnose(1)["rxCount"] > 0
+
+    wait_until(hears)
+    assert (csv(gateway).read_text(), lines(gateway)) == recorded

@@ -1,4 +1,5 @@
 #include "config_fixture.h"
+#include "fake_stat.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -69,6 +70,13 @@ TEST_F(first_start, old_database_that_cannot_be_removed_stops_it) {
         EXPECT_THAT(failing_start(), ElementsAre(failed_removal(file, "Directory not empty")));
         std::filesystem::remove_all(file);
     }
+    for (const std::string &file : {persistent_db_path(), working_db_path()}) {
+        std::filesystem::create_directories(file + "/x");
+    }
+    EXPECT_THAT(failing_start(), // the persistent one goes first
+                ElementsAre(failed_removal(persistent_db_path(), "Directory not empty")));
+    std::filesystem::remove_all(persistent_db_path());
+    std::filesystem::remove_all(working_db_path());
     start();
 }
 
@@ -342,6 +350,24 @@ TEST_F(edited_gateway, next_pass_counts_the_edit_as_unchanged) {
     start();
     EXPECT_EQ(changed(), 0);
     EXPECT_EQ(devices(working_db_path()), "edit");
+}
+
+TEST_F(edited_gateway, time_that_cannot_be_read_fails_start_apply_and_discard) {
+    const struct {
+        int (*call)();
+        int result;
+    } steps[] = {{can_proprietary_db_init_user_config, -1},
+                 {can_proprietary_conf_apply, -5},
+                 {can_proprietary_conf_discard, -5}};
+    for (const auto &step : steps) {
+        g_fake_stat.fails = true;
+        EXPECT_THAT(messages_of([&step] { EXPECT_EQ(step.call(), step.result); }),
+                    ElementsAre("get_ram_modified_time|Fail to get time, Error : "
+                                "Input/output error\n",
+                                "can_proprietary_db_update_ram_modified_time|get time fail\n"));
+        g_fake_stat.fails = false;
+    }
+    EXPECT_EQ(devices(persistent_db_path()), "edit"); // the copy itself was made
 }
 
 TEST_F(edited_gateway, time_of_a_missing_working_copy_cannot_be_read) {

@@ -54,6 +54,7 @@ TEST_F(database, connection_is_set_up_and_opening_logs_nothing) {
     EXPECT_EQ(rows_of(db, "PRAGMA foreign_keys"), "1");
     EXPECT_EQ(rows_of(db, "PRAGMA journal_mode"), "delete");
     EXPECT_EQ(sqlite3_db_readonly(db, "main"), 0);
+    EXPECT_NE(sqlite3_db_mutex(db), nullptr); // fully serialised
     EXPECT_EQ(g_fake_busy_timeout.asked_ms, 5000);
     EXPECT_EQ(can_proprietary_db_close(db), 0);
 }
@@ -61,10 +62,21 @@ TEST_F(database, connection_is_set_up_and_opening_logs_nothing) {
 TEST_F(database, connection_for_port_rows_has_no_foreign_keys) {
     sqlite3 *db = open_db_no_foreign(persistent_db_path().c_str(), "shown");
     ASSERT_NE(db, nullptr);
+    EXPECT_NE(sqlite3_db_mutex(db), nullptr);
     EXPECT_EQ(rows_of(db, "PRAGMA synchronous"), "0");
     EXPECT_EQ(rows_of(db, "PRAGMA foreign_keys"), "0");
     EXPECT_EQ(rows_of(db, "PRAGMA journal_mode"), "delete");
     EXPECT_EQ(can_proprietary_db_close(db), 0);
+}
+
+TEST_F(database, connection_for_port_rows_is_not_created_and_shows_the_name_it_was_given) {
+    EXPECT_THAT(messages_of([this] {
+                    EXPECT_EQ(open_db_no_foreign(path("missing").c_str(), "shown"), nullptr);
+                }),
+                ElementsAre("open_db_no_foreign|Can't open database: "
+                            "unable to open database file. shown\n"));
+    EXPECT_FALSE(exists(path("missing")));
+    EXPECT_EQ(can_proprietary_restart, 0);
 }
 
 TEST_F(database, missing_working_copy_is_not_created) {
@@ -114,6 +126,17 @@ TEST_F(database, damaged_schema_page_removes_all_three) {
     bytes.replace(100, 8, 8, 'z');
     write(working_db_path(), bytes);
     expect_corrupt("database disk image is malformed");
+}
+
+TEST_F(database, one_database_that_cannot_be_removed_does_not_spare_the_others) {
+    std::filesystem::remove(default_db_path());
+    std::filesystem::create_directories(default_db_path() + "/x");
+    write(working_db_path(), std::string(8192, 'x'));
+    EXPECT_EQ(failing_open().size(), 4U); // of the opening; the removal says nothing
+    EXPECT_TRUE(exists(default_db_path()));
+    EXPECT_FALSE(exists(persistent_db_path()));
+    EXPECT_FALSE(exists(working_db_path()));
+    EXPECT_EQ(can_proprietary_restart, 1);
 }
 
 TEST_F(database, journal_goes_with_a_corrupt_database) {
@@ -234,6 +257,21 @@ TEST_F(database, close_fails_while_a_statement_lives) {
                 ElementsAre("can_proprietary_db_close|close db fail\n"));
     EXPECT_EQ(sqlite3_finalize(statement), SQLITE_OK);
     EXPECT_EQ(can_proprietary_db_close(db), 0);
+}
+
+TEST_F(database, end_of_a_transaction_gives_the_result_of_its_close) {
+    for (const int commit : {0, 1}) {
+        sqlite3 *db = can_proprietary_db_get();
+        can_proprietary_db_start_set_db(db);
+        sqlite3_stmt *statement = nullptr;
+        ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT 1", -1, &statement, nullptr), SQLITE_OK);
+        EXPECT_THAT(
+            messages_of([db, commit] { EXPECT_EQ(can_proprietary_db_end_set_db(db, commit), -1); }),
+            ElementsAre("can_proprietary_db_close|close db fail\n"));
+        EXPECT_EQ(sqlite3_get_autocommit(db), 1); // the transaction itself has ended
+        EXPECT_EQ(sqlite3_finalize(statement), SQLITE_OK);
+        EXPECT_EQ(can_proprietary_db_close(db), 0);
+    }
 }
 
 TEST_F(database, commit_keeps_what_was_written) {

@@ -183,7 +183,8 @@ TEST_F(migration, default_database_that_cannot_be_replaced_stops_it) {
     std::filesystem::create_directories(default_db_path() + "/x");
     ship(changed_schema());
     EXPECT_THAT(failing_start(),
-                ElementsAre("create_default_db|Fail to open default file. Is a directory\n"));
+                ElementsAre("do_migration|Fail to remove " + default_db_path() +
+                            ", Error : Is a directory\n"));
     expect_old_databases_whole();
 }
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <type_traits>
 
 namespace {
 
@@ -99,6 +100,63 @@ TEST(model, fault_protection_functions_1_and_2_use_their_timeout) {
         record.fpFunc = static_cast<uint8_t>(function);
         EXPECT_EQ(has_fault_protection(&record), function == 1 || function == 2) << function;
     }
+}
+
+template <typename Wanted, typename... Fields>
+constexpr bool all_are = (std::is_same_v<Wanted, Fields> && ...);
+
+TEST(model, fields_have_the_widths_that_their_values_are_cut_to) {
+    using port = interface_config;
+    using device = device_config;
+    using transaction = transaction_config;
+    using frame = frame_config;
+    using constant = constant_block_config;
+    using tag = tag_block_config;
+    using overview = overview_info;
+    EXPECT_TRUE((all_are<uint8_t, decltype(port::portId), decltype(device::deviceId)>));
+    EXPECT_TRUE((all_are<uint8_t, decltype(device::portId), decltype(transaction::deviceId)>));
+    EXPECT_TRUE((all_are<uint8_t,
+                         decltype(transaction::transactionEnable),
+                         decltype(transaction::transactionType),
+                         decltype(transaction::triggerMode),
+                         decltype(transaction::consumeToutEnable),
+                         decltype(transaction::timeoutRetry),
+                         decltype(transaction::triggerByRTR),
+                         decltype(transaction::fpFunc)>));
+    EXPECT_TRUE((all_are<uint8_t, decltype(frame::dataLength), decltype(frame::frameType)>));
+    EXPECT_TRUE((all_are<uint8_t,
+                         decltype(block_config::blockType),
+                         decltype(constant::startOffset),
+                         decltype(constant::constantSize),
+                         decltype(tag::startOffset),
+                         decltype(tag::tagType),
+                         decltype(tag::tagSize),
+                         decltype(tag::swap),
+                         decltype(tag::scalingFunc)>));
+    EXPECT_TRUE((all_are<uint8_t,
+                         decltype(overview::port_num),
+                         decltype(overview::device_num),
+                         decltype(overview::transaction_num)>));
+    EXPECT_TRUE((all_are<uint16_t,
+                         decltype(transaction::transactionId),
+                         decltype(transaction::consumeTimeout),
+                         decltype(transaction::fpTimeout),
+                         decltype(frame::frameId),
+                         decltype(frame::transactionId),
+                         decltype(constant::blockId),
+                         decltype(constant::frameId),
+                         decltype(tag::blockId),
+                         decltype(tag::frameId)>));
+    EXPECT_TRUE((all_are<int32_t,
+                         decltype(port::frameFormat),
+                         decltype(port::baudrate),
+                         decltype(port::initialDelay),
+                         decltype(transaction::cyclicInterval),
+                         decltype(transaction::responseTimeout),
+                         decltype(frame::canId)>));
+    EXPECT_TRUE((all_are<bool, decltype(port::busOffReset), decltype(port::resistor)>));
+    EXPECT_TRUE((all_are<uint64_t, decltype(constant::constantValue)>));
+    EXPECT_EQ(sizeof(scaling_numbers), 4 * sizeof(double));
 }
 
 TEST(model, text_fields_have_room_for_their_terminators) {

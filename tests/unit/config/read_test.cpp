@@ -110,6 +110,9 @@ TEST_F(config_read, port_without_devices_has_an_empty_list) {
     EXPECT_EQ(can_proprietary_conf_get_interface_device_config(&list, 2), 0);
     EXPECT_EQ(list, nullptr);
     list = untouched<device_config>();
+    EXPECT_EQ(can_proprietary_conf_get_interface_device_config(&list, 3), 0); // no such port
+    EXPECT_EQ(list, nullptr);
+    list = untouched<device_config>();
     EXPECT_THAT(messages_of([&] { EXPECT_EQ(can_proprietary_conf_get_port_config(&list, 2), 0); }),
                 IsEmpty());
     EXPECT_EQ(list, nullptr);
@@ -181,6 +184,22 @@ TEST_F(config_read, block_of_unknown_kind_fails_the_whole_read) {
     EXPECT_EQ(list, untouched<device_config>());
 }
 
+TEST_F(config_read, transaction_with_a_block_of_unknown_kind_is_not_read) {
+    edit("INSERT INTO block (blockId, frameId, blockType) VALUES (700, 501, 5)");
+    sqlite3 *db = can_proprietary_db_get();
+    transaction_config record{};
+    EXPECT_THAT(messages_of([&] {
+                    EXPECT_EQ(can_proprietary_conf_get_transaction_config(db, &record, 300), -1);
+                }),
+                ElementsAre("block_get_row|param fail\n",
+                            "can_proprietary_conf_get_frame_config|block_get_row fail\n",
+                            "can_proprietary_conf_get_transaction_config|"
+                            "get_constant_config error\n"));
+    EXPECT_EQ(record.frames, nullptr);
+    free(record.transactionName);
+    EXPECT_EQ(can_proprietary_db_close(db), 0);
+}
+
 TEST_F(config_read, id_wider_than_its_field_names_no_other_row) {
     edit("INSERT INTO device VALUES (44, 1, 'alias');"
          "INSERT INTO transactions (transactionId, deviceId) VALUES (4, 44);"
@@ -246,9 +265,16 @@ TEST_F(config_read, counts_of_rows) {
     EXPECT_EQ(can_proprietary_conf_get_overview_config(&info, 1), 0);
     EXPECT_EQ(info.device_num, 2);
     EXPECT_EQ(info.transaction_num, 2);
-    EXPECT_EQ(can_proprietary_conf_get_overview_config(&info, 2), 0);
-    EXPECT_EQ(info.device_num, 0);
-    EXPECT_EQ(info.transaction_num, 0);
+    for (const int portId : {2, 3, 257}) {
+        info = {7, 7, 7};
+        EXPECT_THAT(messages_of([&] {
+                        EXPECT_EQ(can_proprietary_conf_get_overview_config(&info, portId), 0);
+                    }),
+                    IsEmpty());
+        EXPECT_EQ(info.port_num, 7);
+        EXPECT_EQ(info.device_num, 0);
+        EXPECT_EQ(info.transaction_num, 0);
+    }
 }
 
 TEST_F(config_read, counts_are_cut_to_8_bits) {

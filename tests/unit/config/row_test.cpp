@@ -66,7 +66,7 @@ TEST_F(row, interface_columns_by_position) {
 
 TEST_F(row, every_switch_but_0_is_on) {
     interface_config record{};
-    for (const char *value : {"1", "2", "256", "-1"}) {
+    for (const char *value : {"1", "2", "256", "-1", "4294967296", "0.5"}) {
         interface_get_row(of("1, 0, 0, 0, " + std::string(value) + ", " + value), &record);
         EXPECT_TRUE(record.busOffReset && record.resistor) << value;
     }
@@ -147,6 +147,31 @@ TEST_F(row, frame_columns_by_position) {
     EXPECT_EQ(record.canId, 0x1FFFFFFF);
     EXPECT_EQ(record.dataLength, 8);
     EXPECT_EQ(record.frameType, 3);
+}
+
+TEST_F(row, frame_and_block_values_wider_than_their_field_are_cut) {
+    frame_config frame{};
+    frame_get_row(of("1, 1, 4294967297, 264, 259"), &frame);
+    EXPECT_EQ(frame.canId, 1);
+    EXPECT_EQ(frame.dataLength, 8);
+    EXPECT_EQ(frame.frameType, 3);
+    const owned_block tag_block;
+    EXPECT_EQ(block_get_row(of("1, 1, 0, 257, 't', 258, 259, 'ro', 260, '', 261, 1, 0, 0, 1, 0, 1,"
+                               " 'c', 1, ''"),
+                            tag_block.record),
+              0);
+    EXPECT_EQ(tag_block->tag->startOffset, 1);
+    EXPECT_EQ(tag_block->tag->tagType, 2);
+    EXPECT_EQ(tag_block->tag->tagSize, 3);
+    EXPECT_EQ(tag_block->tag->swap, 4);
+    EXPECT_EQ(tag_block->tag->scalingFunc, 5);
+    const owned_block constant_block;
+    EXPECT_EQ(block_get_row(of("1, 1, 1, 257, 't', 1, 1, 'ro', 0, '', 0, 1, 0, 0, 1, 0, 1,"
+                               " 'c', 258, ''"),
+                            constant_block.record),
+              0);
+    EXPECT_EQ(constant_block->constant->startOffset, 1);
+    EXPECT_EQ(constant_block->constant->constantSize, 2);
 }
 
 TEST_F(row, tag_block_columns_by_position) {

@@ -1,3 +1,4 @@
+#include "config/read.h"
 #include "write_fixture.h"
 
 namespace {
@@ -51,6 +52,28 @@ TEST_F(block_write, every_column_of_a_tag_is_stored_and_the_key_returned) {
     EXPECT_EQ(inserted_tag.blockId, 3);
     EXPECT_EQ(seen("SELECT * FROM block WHERE blockId = 3"),
               "3|1|0|6|new|6|2|wo|5|0A|2|2.5|-1.0|2.5|-1.0|3.0|1000000000.0|constantName|1|");
+}
+
+TEST_F(block_write, a_tag_reads_back_as_it_was_written) {
+    tag.scalingFunc = SCALING_INTERCEPT;
+    tag.scaling = {2.5, 1, 0, 0};
+    tag.frameId = 3; // without blocks so far
+    ASSERT_EQ(insert_tag(), 0);
+    frame_config frame{};
+    ASSERT_EQ(can_proprietary_conf_get_frame_config(db, &frame, 3), 0);
+    const tag_block_config &read = *frame.blocks->tag;
+    EXPECT_STREQ(read.tagName, "new");
+    EXPECT_EQ(read.tagType, TAG_UINT16);
+    EXPECT_EQ(read.tagSize, 2);
+    EXPECT_STREQ(read.access, "wo");
+    EXPECT_STREQ(read.fpData, "0A");
+    EXPECT_EQ(read.swap, 5);
+    EXPECT_EQ(read.startOffset, 6);
+    EXPECT_EQ(read.scalingFunc, SCALING_INTERCEPT);
+    EXPECT_EQ(read.scaling.a, 2.5);
+    EXPECT_EQ(read.scaling.b, 1);
+    EXPECT_EQ(frame.blocks->next, nullptr);
+    conf_free_block_list(frame.blocks);
 }
 
 TEST_F(block_write, scaling_numbers_keep_six_decimals) {
@@ -122,6 +145,41 @@ TEST_F(block_write, key_65535_is_the_last) {
                 }),
                 ElementsAre(tag_function + "sqlite exec CHECK constraint failed: blockId\n",
                             constant_function + "sqlite exec CHECK constraint failed: blockId\n"));
+}
+
+TEST_F(block_write, a_tag_name_that_cannot_be_compared_shows_the_statement) {
+    forbid_reading("block", "tagName");
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert_tag(), -1); }),
+                ElementsAre(tag_function + "access to block.tagName is prohibited. SQL: SELECT 1 "
+                                           "FROM block WHERE tagName = ? AND frameId = ?\n"));
+    EXPECT_NE(db, nullptr);
+}
+
+TEST_F(block_write, a_key_that_cannot_be_read_fails_and_shows_the_statement) {
+    forbid_reading("block", "swap");
+    const std::string reason =
+        "access to block.swap is prohibited. Sql: SELECT * FROM block LIMIT 1 OFFSET ";
+    EXPECT_THAT(messages_of([&] {
+                    EXPECT_EQ(insert_tag(), -1);
+                    EXPECT_EQ(insert_constant(), -1);
+                }),
+                ElementsAre(tag_function + reason + "2\n", constant_function + reason + "3\n"));
+    EXPECT_NE(db, nullptr);
+    EXPECT_EQ(inserted_tag.blockId + inserted_constant.blockId, 0);
+}
+
+TEST_F(block_write, a_row_that_is_gone_at_once_has_no_key) {
+    end(0);
+    execute(working_db_path(),
+            "CREATE TRIGGER gone AFTER INSERT ON block BEGIN DELETE FROM block; END");
+    begin();
+    EXPECT_THAT(messages_of([&] {
+                    EXPECT_EQ(insert_tag(), -1);
+                    EXPECT_EQ(insert_constant(), -1);
+                }),
+                ElementsAre(tag_function + "db row count fail\n",
+                            constant_function + "db row count fail\n"));
+    EXPECT_NE(db, nullptr);
 }
 
 TEST_F(block_write, a_quote_in_any_text_changes_nothing) {

@@ -21,13 +21,16 @@ protected:
 struct existence {
     int (*check)(int);
     const char *function;
+    const char *table;
+    const char *key;
     int last;
 };
 
-const existence existences[] = {{check_portId_exists, "check_portId_exists", 2},
-                                {check_deviceId_exists, "check_deviceId_exists", 2},
-                                {check_transactionId_exists, "check_transactionId_exists", 3},
-                                {check_blockId_exists, "check_blockId_exists", 2}};
+const existence existences[] = {
+    {check_portId_exists, "check_portId_exists", "interface_setting", "portId", 2},
+    {check_deviceId_exists, "check_deviceId_exists", "device", "deviceId", 2},
+    {check_transactionId_exists, "check_transactionId_exists", "transactions", "transactionId", 3},
+    {check_blockId_exists, "check_blockId_exists", "block", "blockId", 2}};
 
 TEST_F(device_write, existence_is_that_of_the_whole_id) {
     for (const existence &row : existences) {
@@ -61,10 +64,15 @@ TEST_F(device_write, existence_without_a_working_copy_is_a_failed_parameter) {
 
 TEST_F(device_write, existence_in_a_database_without_tables_names_the_statement) {
     end(0);
-    execute(working_db_path(), "DROP TABLE block; DROP TABLE frame");
-    EXPECT_THAT(messages_of([] { EXPECT_EQ(check_blockId_exists(7), -1); }),
-                ElementsAre("check_blockId_exists|no such table: block. SQL: SELECT 1 FROM block "
-                            "WHERE blockId = 7\n"));
+    execute(working_db_path(),
+            "DROP TABLE block; DROP TABLE frame; DROP TABLE transactions; DROP TABLE device;"
+            "DROP TABLE interface_setting");
+    for (const existence &row : existences) {
+        const std::string table = row.table;
+        EXPECT_THAT(messages_of([&] { EXPECT_EQ(row.check(7), -1); }),
+                    ElementsAre(std::string(row.function) + "|no such table: " + table +
+                                ". SQL: SELECT 1 FROM " + table + " WHERE " + row.key + " = 7\n"));
+    }
 }
 
 TEST_F(device_write, existence_without_memory_is_minus_7) {
@@ -160,6 +168,27 @@ TEST_F(device_write, a_new_device_gets_the_next_key) {
     EXPECT_EQ(insert("pump", 1, &id), 0);
     EXPECT_EQ(id, 4);
     EXPECT_EQ(seen("SELECT * FROM device WHERE deviceId > 2"), "3|2|pump 4|1|pump");
+}
+
+TEST_F(device_write, a_key_that_cannot_be_read_fails_and_shows_the_statement) {
+    uint8_t id = 77;
+    forbid_reading("device", "deviceName");
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert("pump", 1, &id), -1); }),
+                ElementsAre("can_proprietary_conf_insert_device_config|access to device.deviceName "
+                            "is prohibited. Sql: SELECT * FROM device LIMIT 1 OFFSET 2\n"));
+    EXPECT_EQ(id, 77);
+    EXPECT_EQ(seen("SELECT COUNT(*) FROM device"), "3"); // for the caller to roll back
+}
+
+TEST_F(device_write, a_row_that_is_gone_at_once_has_no_key) {
+    end(0);
+    execute(working_db_path(),
+            "CREATE TRIGGER gone AFTER INSERT ON device BEGIN DELETE FROM device; END");
+    begin();
+    uint8_t id = 77;
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert("pump", 1, &id), -1); }),
+                ElementsAre("can_proprietary_conf_insert_device_config|db row count fail\n"));
+    EXPECT_EQ(id, 77);
 }
 
 TEST_F(device_write, a_device_on_a_port_that_does_not_exist) {

@@ -54,6 +54,24 @@ TEST_F(frame_write, key_65535_is_the_last) {
     EXPECT_EQ(inserted.frameId, 0);
 }
 
+TEST_F(frame_write, a_key_that_cannot_be_read_fails_and_shows_the_statement) {
+    forbid_reading("frame", "dataLength");
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert(1, 1), -1); }),
+                ElementsAre(insert_function + "access to frame.dataLength is prohibited. Sql: "
+                                              "SELECT * FROM frame LIMIT 1 OFFSET 3\n"));
+    EXPECT_EQ(inserted.frameId, 0);
+}
+
+TEST_F(frame_write, a_row_that_is_gone_at_once_has_no_key) {
+    end(0);
+    execute(working_db_path(),
+            "CREATE TRIGGER gone AFTER INSERT ON frame BEGIN DELETE FROM frame; END");
+    begin();
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert(1, 1), -1); }),
+                ElementsAre(insert_function + "db row count fail\n"));
+    EXPECT_EQ(inserted.frameId, 0);
+}
+
 TEST_F(frame_write, a_delete_takes_all_frames_of_the_transaction_with_their_blocks) {
     ASSERT_EQ(insert(1, 1), 0);
     EXPECT_THAT(

@@ -200,6 +200,40 @@ TEST_F(transaction_write, a_failed_prepare_shows_the_statement) {
                                       "transactions WHERE transactionId = ?\n"));
 }
 
+TEST_F(transaction_write, a_name_that_cannot_be_compared_shows_the_statement) {
+    forbid_reading("transactions", "transactionName");
+    const std::string reason = "access to transactions.transactionName is prohibited. SQL: ";
+    EXPECT_THAT(
+        messages_of([&] {
+            EXPECT_EQ(insert("new"), -1);
+            EXPECT_EQ(update("new", 1), -1);
+        }),
+        ElementsAre(insert_function + reason +
+                        "SELECT 1 FROM transactions WHERE transactionName = ? AND deviceId = ?\n",
+                    update_function + reason +
+                        "SELECT 1 FROM transactions WHERE transactionName = ? AND transactionId "
+                        "!= ? AND deviceId = ?\n"));
+}
+
+TEST_F(transaction_write, a_key_that_cannot_be_read_fails_and_shows_the_statement) {
+    forbid_reading("transactions", "fpFunc");
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert("new"), -1); }),
+                ElementsAre(insert_function +
+                            "access to transactions.fpFunc is prohibited. "
+                            "Sql: SELECT * FROM transactions LIMIT 1 OFFSET 3\n"));
+    EXPECT_EQ(inserted.transactionId, 0);
+}
+
+TEST_F(transaction_write, a_row_that_is_gone_at_once_has_no_key) {
+    end(0);
+    execute(working_db_path(),
+            "CREATE TRIGGER gone AFTER INSERT ON transactions BEGIN DELETE FROM transactions; END");
+    begin();
+    EXPECT_THAT(messages_of([&] { EXPECT_EQ(insert("new"), -1); }),
+                ElementsAre(insert_function + "db row count fail\n"));
+    EXPECT_EQ(inserted.transactionId, 0);
+}
+
 TEST_F(transaction_write, a_failed_statement_leaves_the_connection_to_the_caller) {
     lock_out();
     EXPECT_THAT(messages_of([&] {

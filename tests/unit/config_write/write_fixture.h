@@ -7,6 +7,8 @@
 
 #include <climits>
 #include <cstring>
+#include <string>
+#include <utility>
 
 /**
  * A started gateway with two devices, three transactions with a frame each and two blocks, and a
@@ -64,9 +66,28 @@ protected:
         begin();
     }
 
+    /** Let statements that read this column fail to prepare. */
+    void forbid_reading(const char *table, const char *column) {
+        forbidden_ = {table, column};
+        const auto authorize = [](void *context,
+                                  int action,
+                                  const char *subject,
+                                  const char *detail,
+                                  const char * /*database*/,
+                                  const char * /*trigger*/) {
+            const auto &[table_name, column_name] = *static_cast<column_reference *>(context);
+            const bool forbidden =
+                action == SQLITE_READ && subject == table_name && detail == column_name;
+            return forbidden ? SQLITE_DENY : SQLITE_OK;
+        };
+        EXPECT_EQ(sqlite3_set_authorizer(db, authorize, &forbidden_), SQLITE_OK);
+    }
+
     sqlite3 *db = nullptr;
 
 private:
+    using column_reference = std::pair<std::string, std::string>;
+    column_reference forbidden_;
     connection locker_;
 };
 

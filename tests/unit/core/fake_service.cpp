@@ -31,6 +31,9 @@ void note(const std::string &call) {
 
 void can_proprietary_event_create() {
     note("event create");
+    if (g_fake_service->first_step) {
+        g_fake_service->first_step();
+    }
 }
 
 void can_proprietary_event_destroy() {
@@ -57,16 +60,19 @@ int can_proprietary_db_init_user_config() {
 
 int can_proprietary_traffic_init(uint8_t port_count) {
     note("traffic init " + std::to_string(port_count));
-    return 0;
+    return g_fake_service->pass_services_fail ? -2 : 0;
 }
 
 void can_proprietary_traffic_deinit() {
     note("traffic deinit");
+    if (g_fake_service->pass_ends) {
+        g_fake_service->pass_ends();
+    }
 }
 
 int can_proprietary_diag_create_infos(uint8_t port_count) {
     note("diag create " + std::to_string(port_count));
-    return 0;
+    return g_fake_service->pass_services_fail ? -2 : 0;
 }
 
 void can_proprietary_diag_release_infos() {
@@ -83,6 +89,9 @@ void can_proprietary_led_release() {
 
 int can_proprietary_conf_get_device_num(uint8_t *count) {
     note("device num " + std::to_string(*count));
+    if (g_fake_service->pass_services_fail) {
+        return -1;
+    }
     *count = 7;
     return 0;
 }
@@ -132,6 +141,9 @@ int can_get_number(char **list) {
 
 void rest_cleanup() {
     note("rest cleanup");
+    if (g_fake_service->rest_cleaned_up) {
+        g_fake_service->rest_cleaned_up();
+    }
 }
 
 int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);

@@ -11,9 +11,13 @@
 struct fake_service {
     std::vector<std::string> ports;
     int rest_result = 0;
+    std::function<void()> first_step;          /* called by the first call of the entry */
     std::function<int()> prepare_databases;    /* result of the start of a pass, 0 without it */
     std::function<void()> ports_listed;        /* called at the end of can_list() */
     std::function<void(unsigned)> port_thread; /* called with the port index */
+    std::function<void()> pass_ends;           /* called by the first step of the teardown */
+    std::function<void()> rest_cleaned_up;     /* called by rest_cleanup() */
+    bool pass_services_fail = false;           /* traffic, diagnostics and device count */
     int threads_refused_from = -1;             /* number of the first thread that cannot be had */
 
     std::vector<std::string> calls;     /* of the main thread */

@@ -1,13 +1,18 @@
 #include "core/log.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
+
+const int level_at_first = log_current_level();
 
 class log_output : public ::testing::Test {
 protected:
@@ -46,6 +51,16 @@ TEST_F(log_output, errors_are_silent_from_fatal_on) {
         EXPECT_EQ(written([] { log_write_error("f", 1, "x\n"); }).empty(), level >= LOG_LEVEL_FATAL)
             << level;
     }
+}
+
+TEST_F(log_output, message_leaves_a_buffered_standard_error_at_once) {
+    std::array<char, 4096> buffer{};
+    (void)written([&buffer] {
+        ASSERT_EQ(setvbuf(stderr, buffer.data(), _IOFBF, buffer.size()), 0);
+        log_write_error("f", 1, "x\n");
+        EXPECT_GT(lseek(STDERR_FILENO, 0, SEEK_CUR), 0); // captured in a file
+        ASSERT_EQ(setvbuf(stderr, nullptr, _IONBF, 0), 0);
+    });
 }
 
 TEST_F(log_output, errno_is_kept) {
@@ -90,6 +105,10 @@ TEST_F(log_output, messages_of_threads_are_not_mixed) {
 }
 
 class log_levels : public log_output {};
+
+TEST_F(log_levels, first_level_is_warn) {
+    EXPECT_EQ(level_at_first, 4);
+}
 
 TEST_F(log_levels, are_named) {
     const char *names[] = {"ALL", "TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL", "OFF"};

@@ -7,9 +7,11 @@
 #include "fake_sleep.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <gmock/gmock.h>
+#include <thread>
 
 namespace {
 
@@ -84,11 +86,16 @@ TEST_F(service, one_pass_in_order) {
         names = std::string(can_port_name(0)) + " " + can_port_name(1);
         return 0;
     };
+    bool released = false; // before the last step
+    fake.rest_cleaned_up = [&released] {
+        released = g_can_module_list == nullptr && g_can_port_list == nullptr;
+    };
     EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }), IsEmpty());
     EXPECT_EQ(fake.calls, joined({start_up, begin_of_pass, end_of_pass, shut_down}));
     EXPECT_THAT(sorted_threads(), ElementsAre(0, 1));
     EXPECT_EQ(modules_seen, 2);
     EXPECT_EQ(names, "can0 can1");
+    EXPECT_TRUE(released);
     EXPECT_EQ(g_can_module_list, nullptr);
     EXPECT_EQ(g_can_port_list, nullptr);
 }
@@ -111,6 +118,49 @@ TEST_F(service, applied_configuration_begins_a_new_pass) {
     EXPECT_EQ(fake.calls, joined({start_up, pass, pass, pass, shut_down}));
     EXPECT_THAT(sorted_threads(), ElementsAre(0, 0, 0, 1, 1, 1));
     EXPECT_THAT(g_fake_sleep.slept_ms, IsEmpty());
+}
+
+TEST_F(service, modules_and_names_are_those_of_the_start_in_every_pass) {
+    std::vector<const can_module *> firsts;
+    std::vector<const char *> names;
+    fake.prepare_databases = [&] {
+        firsts.push_back(g_can_module_list);
+        names.push_back(can_port_name(1));
+        return 0;
+    };
+    fake.port_thread = [&firsts](unsigned) {
+        can_proprietary_restart = 1;
+        if (firsts.size() == 2) {
+            stop();
+        }
+    };
+    EXPECT_EQ(service_main(), 0);
+    ASSERT_EQ(firsts.size(), 2U);
+    EXPECT_EQ(firsts[0], firsts[1]);
+    EXPECT_EQ(names[0], names[1]);
+}
+
+TEST_F(service, pass_lasts_until_the_last_thread_has_ended) {
+    std::atomic<int> ended = 0;
+    fake.port_thread = [&ended](unsigned index) {
+        while (index == 1 && ended == 0) {
+            std::this_thread::yield(); // the port that is joined last ends last
+        }
+        stop();
+        ended++;
+    };
+    fake.pass_ends = [&ended] { EXPECT_EQ(ended, 2); };
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(times("traffic deinit"), 1);
+}
+
+TEST_F(service, pass_runs_without_the_services_that_fail) {
+    fake.pass_services_fail = true;
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_THAT(sorted_threads(), ElementsAre(0, 1));
+    calls begin = begin_of_pass;
+    begin.back() = "status init 0"; // a count that cannot be read is 0
+    EXPECT_EQ(fake.calls, joined({start_up, begin, end_of_pass, shut_down}));
 }
 
 TEST_F(service, ports_that_cannot_start_are_tried_again_after_a_second) {
@@ -152,7 +202,31 @@ TEST_F(service, stays_alive_without_ports) {
     };
     EXPECT_EQ(service_main(), 0);
     EXPECT_EQ(fake.calls, joined({start_up, {"databases", "databases", "databases"}, shut_down}));
+    EXPECT_EQ(g_fake_sleep.slept_ms, std::vector<long>(3, 100));
     EXPECT_THAT(fake.port_threads, IsEmpty());
+}
+
+TEST_F(service, restart_flag_is_cleared_without_ports_too) {
+    fake.ports.clear();
+    int passes = 0;
+    fake.prepare_databases = [&passes] {
+        EXPECT_EQ(can_proprietary_restart, 0);
+        can_proprietary_restart = 1;
+        if (++passes == 2) {
+            stop();
+        }
+        return 0;
+    };
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(passes, 2);
+    EXPECT_EQ(can_proprietary_restart, 0);
+}
+
+TEST_F(service, port_count_of_256_leaves_no_records) {
+    fake.ports.assign(256, "can");
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(times("traffic init 0"), 1);
+    EXPECT_EQ(times("diag create 0"), 1);
 }
 
 TEST_F(service, runs_without_rest) {
@@ -186,6 +260,18 @@ TEST_F(service, signals_stop_it) {
         EXPECT_EQ(g_stop_requested, 1);
         EXPECT_EQ(times("databases"), 1);
     }
+}
+
+TEST_F(service, signals_are_routed_before_the_first_step) {
+    fake.first_step = [] {
+        (void)raise(SIGPIPE);
+        EXPECT_EQ(g_stop_requested, 0);
+        (void)raise(SIGTERM);
+        EXPECT_EQ(g_stop_requested, 1);
+    };
+    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(fake.calls, joined({start_up, shut_down})); // stopped before its first pass
+    EXPECT_EQ(g_can_module_list, nullptr);
 }
 
 TEST_F(service, want_of_memory_for_a_module_leaves_fewer) {

@@ -192,6 +192,30 @@ TEST_F(diag, error_passive_bus_keeps_its_led_when_a_transaction_fails) {
     EXPECT_THAT(g_fake_led.take(), IsEmpty());
 }
 
+TEST_F(diag, ports_share_the_led) {
+    (void)add();
+    (void)can_proprietary_diag_register(1, "d", "other port", true);
+    can_proprietary_diag_set_bus_state(0, CANBUS_BUS_OFF);
+    can_proprietary_led_set(LED_BUS_OFF);
+    (void)g_fake_led.take();
+    can_proprietary_diag_set_result(1, 0, RESULT_FAILED);
+    EXPECT_THAT(g_fake_led.take(), IsEmpty()); // outranked, whichever port it is of
+    can_proprietary_diag_set_result(1, 0, RESULT_SUCCESS);
+    EXPECT_THAT(g_fake_led.take(), ElementsAre("set 1 0 0 0")); // port 1 has no problem
+}
+
+TEST_F(diag, transactions_without_a_slot_report_as_the_first) {
+    for (uint32_t i = 0; i < 256; i++) {
+        (void)can_proprietary_diag_register(0, "d", i == 0 ? "first" : "t", true);
+    }
+    const uint32_t slot = add("one too many");
+    EXPECT_THAT(events_of(slot, RESULT_TIMEOUT),
+                ElementsAre("CAN Proprietary:Transaction Timeout|Host 192.0.2.7|"
+                            "d/first transaction timeout"));
+    EXPECT_THAT(events_of(0, RESULT_TIMEOUT), IsEmpty());
+    EXPECT_EQ(port(0)->slots[0].failure_count, 2U);
+}
+
 TEST_F(diag, counters_count) {
     diag_count(port(0)->rxCount);
     diag_count(port(0)->rxCount);

@@ -127,6 +127,22 @@ TEST_F(recorder_failure, failed_start_of_a_running_port_leaves_it_running) {
     EXPECT_EQ(state(), 1);
 }
 
+TEST_F(recorder_failure, failed_start_renumbers_the_rows_and_one_of_an_invalid_port_does_not) {
+    const auto last_number = [this] {
+        EXPECT_EQ(record(), 0);
+        const std::string rows = csv();
+        const size_t row = rows.rfind('\n', rows.size() - 2) + 1;
+        return rows.substr(row, rows.find(',', row) - row);
+    };
+    start();
+    EXPECT_EQ(last_number(), "1");
+    EXPECT_EQ(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(2), -1); }).size(), 1U);
+    EXPECT_EQ(last_number(), "2");
+    std::filesystem::create_directory(csv_path(1));
+    EXPECT_EQ(messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(1), -5); }).size(), 1U);
+    EXPECT_EQ(last_number(), "1");
+}
+
 TEST_F(recorder_failure, json_value_that_cannot_be_made_is_logged) {
     start();
     parson_fault::arm(parson_fault::call::init_object);

@@ -179,6 +179,24 @@ TEST_F(recorder, start_of_one_port_renumbers_the_rows_of_all) {
     EXPECT_EQ(csv(1).substr(47, 2), "2,");
 }
 
+TEST_F(recorder, stop_does_not_touch_the_row_numbers) {
+    start(0);
+    start(1);
+    EXPECT_EQ(record_on(0), 0);
+    EXPECT_EQ(can_proprietary_traffic_stop(0), 0);
+    EXPECT_EQ(record_on(1), 0);
+    EXPECT_EQ(csv(1).substr(47, 2), "2,");
+}
+
+TEST_F(recorder, files_removed_in_the_midst_begin_anew_without_a_header) {
+    start();
+    std::filesystem::remove(csv_path());
+    std::filesystem::remove(json_path());
+    EXPECT_EQ(record(), 0);
+    EXPECT_EQ(json(), plain_line);
+    EXPECT_EQ(csv(), "1,0.000,Send,\"0x\"123,Data frame,0,\"\"\n");
+}
+
 TEST_F(recorder, files_survive_a_stop_and_can_be_read) {
     start();
     EXPECT_EQ(record(), 0);
