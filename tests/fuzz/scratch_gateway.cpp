@@ -1,0 +1,158 @@
+#include "scratch_gateway.h"
+
+#include "config/config_file.h"
+#include "config/database_files.h"
+#include "core/state.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *first_rows =
+    "[interface-setting]\n"
+    "portId,frameFormat,baudrate,initialDelay,busOffReset,resistor\n"
+    "1,0,3,0,0,0\n2,1,3,0,1,0\n\n"
+    "[device]\ndeviceId,portId,deviceName\n1,1,drive\n2,2,pump\n\n"
+    "[transactions]\n"
+    "transactionId,deviceId,transactionEnable,transactionName,transactionType,triggerMode,"
+    "cyclicInterval,fpFunc,fpTimeout,triggerByRTR,consumeToutEnable,consumeTimeout,timeoutRetry,"
+    "responseTimeout\n"
+    "1,1,1,send,0,0,100,2,500,0,,,,\n2,1,1,state,1,,,,,,1,300,,\n3,2,1,ask,2,1,,0,,,,,2,50\n\n"
+    "[frame]\nframeId,transactionId,canId,dataLength,frameType\n"
+    "1,1,201,8,0\n2,2,181,8,1\n3,3,601,8,2\n4,3,581,8,3\n\n"
+    "[block]\n"
+    "blockId,frameId,blockType,startOffset,tagName,tagType,tagSize,access,swap,fpData,"
+    "scalingFunc,interceptSlope,interceptOffset,pointSourceMin,pointSourceMax,pointTargetMin,"
+    "pointTargetMax,constantName,constantSize,constantValue\n"
+    "1,1,0,0,speed,6,2,wo,0,00FF,0,,,,,,,,,\n2,2,0,0,load,6,2,ro,0,,2,,,0,100,0,1,,,\n"
+    "3,3,1,0,,,,,,,,,,,,,,code,2,40A0\n4,4,0,4,value,7,4,ro,1,,0,,,,,,,,,\n";
+
+/** Memory where there is such a folder: what is fuzzed opens a database in every run. */
+std::string make_root() {
+    const char *folder = getenv("TMPDIR");
+    if (folder == nullptr) {
+        folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    }
+    std::string name = std::string(folder) + "/kt-fuzz-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) {
+        perror(name.c_str());
+        exit(2);
+    }
+    return name;
+}
+
+void silence_the_log() {
+    FILE *nowhere = fopen("/dev/null", "we");
+    if (nowhere != nullptr) {
+        stderr = nowhere; // the fuzzer took its own before
+    }
+}
+
+std::vector<char> bytes_of(int file) {
+    struct stat status {};
+    KT_ALWAYS(fstat(file, &status) == 0);
+    std::vector<char> bytes(static_cast<size_t>(status.st_size));
+    KT_ALWAYS(pread(file, bytes.data(), bytes.size(), 0) == status.st_size);
+    return bytes;
+}
+
+} // namespace
+
+void finding(const char *condition, const char *file, int line) {
+    (void)dprintf(STDERR_FILENO, "%s:%d: does not hold: %s\n", file, line, condition);
+    abort();
+}
+
+std::string content_of(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+scratch_gateway::scratch_gateway() : root_(make_root()), input_path_(path("input")) {
+    (void)setenv("KT_ROOT", root_.c_str(), 1);
+    g_can_port_count = 2;
+    const std::filesystem::path schema(shipped_schema_path());
+    std::filesystem::create_directories(schema.parent_path());
+    std::filesystem::copy_file(KT_SCHEMA_FILE, schema);
+    input_ = open(input_path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    KT_ALWAYS(input_ >= 0 && can_proprietary_db_init_user_config() == 0);
+    conf_import_error err{};
+    const std::string_view rows(first_rows);
+    const char *file = file_with(reinterpret_cast<const uint8_t *>(rows.data()), rows.size());
+    KT_ALWAYS(can_proprietary_conf_import(file, &err) == 0);
+    working_copy_ = open(working_db_path().c_str(), O_RDWR | O_CLOEXEC);
+    KT_ALWAYS(working_copy_ >= 0);
+    first_content_ = bytes_of(working_copy_);
+    remember();
+    silence_the_log();
+}
+
+scratch_gateway::~scratch_gateway() {
+    std::error_code ignored; // nothing is left to tell it to
+    std::filesystem::remove_all(root_, ignored);
+    (void)close(input_);
+    (void)close(working_copy_);
+}
+
+void scratch_gateway::remember() {
+    struct stat status {};
+    KT_ALWAYS(fstat(working_copy_, &status) == 0);
+    first_time_ = status.st_mtim;
+}
+
+const char *scratch_gateway::file_with(const uint8_t *data, size_t size) {
+    KT_ALWAYS(ftruncate(input_, 0) == 0);
+    KT_ALWAYS(pwrite(input_, data, size, 0) == static_cast<ssize_t>(size));
+    return input_path_.c_str();
+}
+
+bool scratch_gateway::is_untouched() const {
+    struct stat status {};
+    return fstat(working_copy_, &status) == 0 && status.st_nlink == 1 &&
+           status.st_mtim.tv_sec == first_time_.tv_sec &&
+           status.st_mtim.tv_nsec == first_time_.tv_nsec &&
+           access((working_db_path() + "-journal").c_str(), F_OK) != 0 &&
+           bytes_of(working_copy_) == first_content_ && can_proprietary_restart == 0;
+}
+
+void scratch_gateway::restore() {
+    const auto size = static_cast<ssize_t>(first_content_.size());
+    KT_ALWAYS(pwrite(working_copy_, first_content_.data(), first_content_.size(), 0) == size);
+    KT_ALWAYS(ftruncate(working_copy_, size) == 0);
+    remember();
+}
+
+std::string scratch_gateway::rows(const char *sql) const {
+    sqlite3 *opened = nullptr;
+    const int flags = SQLITE_OPEN_READONLY;
+    const int result = sqlite3_open_v2(working_db_path().c_str(), &opened, flags, nullptr);
+    const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, sqlite3_close);
+    KT_ALWAYS(result == SQLITE_OK);
+    std::string found;
+    const auto collect = [](void *to, int count, char **values, char **) {
+        auto &text = *static_cast<std::string *>(to);
+        for (int i = 0; i < count; i++) {
+            text.append(values[i] == nullptr ? "NULL" : values[i]).append("|");
+        }
+        return 0;
+    };
+    KT_ALWAYS(sqlite3_exec(opened, sql, collect, &found, nullptr) == SQLITE_OK);
+    return found;
+}
+
+/*
+ * SQLite allocates much and is not what is looked for, so freed memory is kept briefly; leaks and
+ * bounds are watched as ever.
+ */
+extern "C" const char *__asan_default_options() {
+    return "quarantine_size_mb=8:malloc_context_size=6:max_malloc_fill_size=0";
+}

@@ -1,0 +1,61 @@
+#ifndef KT_TESTS_SCRATCH_GATEWAY_H
+#define KT_TESTS_SCRATCH_GATEWAY_H
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/** End the run with a finding when something that always holds does not. */
+#define KT_ALWAYS(condition)                                                                       \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            finding(#condition, __FILE__, __LINE__);                                               \
+        }                                                                                          \
+    } while (false)
+
+[[noreturn]] void finding(const char *condition, const char *file, int line);
+
+/**
+ * A gateway with two ports, a device tree and its files below a folder in memory, which goes when
+ * the program ends. Log lines are formatted and thrown away. One for each program.
+ */
+class scratch_gateway {
+public:
+    scratch_gateway();
+    ~scratch_gateway();
+    scratch_gateway(const scratch_gateway &) = delete;
+    scratch_gateway &operator=(const scratch_gateway &) = delete;
+
+    /** Path of a file with these bytes; the next call writes over it. */
+    const char *file_with(const uint8_t *data, size_t size);
+
+    /** Path for a file that the code under test writes. */
+    [[nodiscard]] std::string path(const char *name) const { return root_ + "/" + name; }
+
+    /** The working copy is, byte by byte, what it was at first. */
+    [[nodiscard]] bool is_untouched() const;
+
+    /** Bring the working copy back to what it was at first. */
+    void restore();
+
+    /** Rows of a query as text, for what the configuration must never hold. */
+    [[nodiscard]] std::string rows(const char *sql) const;
+
+private:
+    void remember();
+
+    std::string root_;
+    std::string input_path_;
+    int input_ = -1;
+    int working_copy_ = -1; /* stays open: closing it would drop a connection's locks */
+    std::vector<char> first_content_;
+    timespec first_time_{};
+};
+
+/** A whole file. */
+std::string content_of(const std::string &path);
+
+#endif
