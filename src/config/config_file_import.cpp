@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -233,7 +234,8 @@ int missing_column(const row_reading &row, int column) {
 /** What a value that was just read makes relevant, and which group its row belongs to. */
 int learn(row_reading *row, uint8_t column, std::string_view field) {
     const section_reader &reader = *row->reader;
-    const auto value = static_cast<int32_t>(strtol(std::string(field).c_str(), nullptr, 10));
+    const long long read = strtoll(std::string(field).c_str(), nullptr, 10);
+    const auto value = static_cast<int32_t>(std::clamp<long long>(read, INT32_MIN, INT32_MAX));
     const uint16_t given = relevance_of(table_of(reader.table), column, value, row->known);
     row->known = static_cast<uint16_t>(row->known | given);
     if (column == 1) {

@@ -71,6 +71,9 @@ void set_pragmas(sqlite3 *db, const char *path, bool foreign_keys) {
                 "open_db_no_foreign", __LINE__, "SQL error: %s. %s\n", sqlite3_errmsg(db), path);
         }
     }
+    // The pragma may fail for want of memory, and this cannot. Without foreign keys a delete would
+    // leave what hangs on the row, for the next row of that key to inherit.
+    (void)sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_FKEY, foreign_keys ? 1 : 0, nullptr);
 }
 
 db_ptr open_tested(const char *function, const char *path, const char *shown, bool foreign_keys) {

@@ -56,23 +56,6 @@ int failed(const char *function, const char *message) {
     return 1;
 }
 
-/** Append a new value to an array. @return the value, which the array owns; nullptr on failure */
-JSON_Value *append_object(const char *function,
-                          JSON_Array *array,
-                          const char *init_message,
-                          const char *append_message) {
-    json_ptr value(json_value_init_object());
-    if (value == nullptr) {
-        (void)failed(function, init_message);
-        return nullptr;
-    }
-    if (json_array_append_value(array, value.get()) != JSONSuccess) {
-        (void)failed(function, append_message);
-        return nullptr;
-    }
-    return value.release();
-}
-
 int add_constant(const char *function, JSON_Object *object, const block_config *block) {
     const constant_block_config *constant = block->constant;
     std::array<char, 17> value{};
@@ -329,15 +312,18 @@ int can_proprietary_get_frame_config_to_json_array(JSON_Value *parent, const fra
     }
     JSON_Array *array = json_value_get_array(list.get());
     for (const frame_config *frame = frames; frame != nullptr; frame = frame->next) {
-        JSON_Value *value =
-            append_object(__func__, array, "init frame_val fail\n", "append frame_val fail\n");
+        json_ptr value(json_value_init_object());
         if (value == nullptr) {
-            return 1;
+            return failed(__func__, "init frame_val fail\n");
         }
-        if (can_proprietary_get_frame_config_to_json_object(value, frame) != 0) {
+        if (can_proprietary_get_frame_config_to_json_object(value.get(), frame) != 0) {
             return failed(__func__, "can_proprietary_get_frame_config_to_json_object fail\n");
         }
-        if (add_block_list(value, frame) != 0) {
+        if (json_array_append_value(array, value.get()) != JSONSuccess) {
+            return failed(__func__, "append frame_val fail\n");
+        }
+        JSON_Value *appended = value.release(); // the array's now, and filled there
+        if (add_block_list(appended, frame) != 0) {
             return 1;
         }
     }

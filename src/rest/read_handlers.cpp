@@ -275,18 +275,21 @@ int build_used_ids(const char *uri, json_ptr *output) {
     if (result == 0) {
         result = get_query_number(get_used_ids, uri, "portId", &port);
     }
-    if (result == 0) {
-        result = init_output(get_used_ids, output);
-    }
     if (result != 0) {
         return result;
     }
-    device_config *read = nullptr;
-    if (can_proprietary_conf_get_port_config(&read, port) != 0) {
+    // A record of its own heads the list, so that both go together.
+    const device_list_ptr head(allocate_zeroed<device_config>().release());
+    if (head == nullptr) {
+        return fail(get_used_ids, "Memory allocation failed for device\n", REST_RET_MALLOC_FAIL);
+    }
+    if (result = init_output(get_used_ids, output); result != 0) {
+        return result;
+    }
+    if (can_proprietary_conf_get_port_config(&head->next, port) != 0) {
         return fail(get_used_ids, "get config fail\n", REST_RET_GET_FAIL);
     }
-    const device_list_ptr devices(read);
-    return add_used_ids(json_value_get_object(output->get()), devices.get());
+    return add_used_ids(json_value_get_object(output->get()), head->next);
 }
 
 template <auto Build>

@@ -31,13 +31,14 @@ int can_proprietary_get_id_from_path(const char *uri, const char *resource, int3
     std::array<char, url_name_bytes + 8> prefix{};
     const int length = snprintf(prefix.data(), prefix.size(), "%s/%s/", base_path, resource);
     const auto prefix_length = static_cast<size_t>(length);
-    const char *digits = uri + prefix_length;
+    const char *digits = nullptr;
     char *end = nullptr;
-    long value = 0;
+    long long value = 0; // a long is no wider than an id on the gateway
     if (strncmp(uri, prefix.data(), prefix_length) == 0) {
-        value = strtol(digits, &end, 10);
+        digits = uri + prefix_length;
+        value = strtoll(digits, &end, 10);
     }
-    if (end == nullptr || end == digits || value < INT32_MIN || value > INT32_MAX) {
+    if (end == digits || value < INT32_MIN || value > INT32_MAX) {
         log_error("parse resource's ID fail\n");
         return 1;
     }
@@ -45,40 +46,38 @@ int can_proprietary_get_id_from_path(const char *uri, const char *resource, int3
     return 0;
 }
 
-int get_query_number(const char *function, const char *uri, const char *name, int *number) {
+int get_query_number(
+    const char *function, const char *uri, const char *name, int *number, int line) {
     std::array<char, 64> value{};
     const int result = rest_find_uri_query_val(uri, name, value.data(), value.size());
     if (result != 0) {
-        log_write_error(function, __LINE__, "rest_find_uri_query_val fail (%d).\n", result);
+        log_write_error(function, line, "rest_find_uri_query_val fail (%d).\n", result);
         return REST_RET_INVALID_PARAM;
     }
-    const long parsed = strtol(value.data(), nullptr, 10);
+    const long long parsed = strtoll(value.data(), nullptr, 10);
     // Beyond every id either way; 0 is no id either.
     *number = parsed < INT32_MIN || parsed > INT32_MAX ? 0 : static_cast<int>(parsed);
     return REST_RET_SUCCESS;
 }
 
-int check_uri(const char *function, const char *uri) {
+int check_uri(const char *function, const char *uri, int line) {
     if (uri == nullptr) {
-        log_write_error(function, __LINE__, "invalid uri\n");
-        return REST_RET_INVALID_PARAM;
+        return fail(function, "invalid uri\n", REST_RET_INVALID_PARAM, line);
     }
     return REST_RET_SUCCESS;
 }
 
-int check_body(const char *function, const char *body) {
+int check_body(const char *function, const char *body, int line) {
     if (body == nullptr) {
-        log_write_error(function, __LINE__, "invalid input_data\n");
-        return REST_RET_INVALID_PARAM;
+        return fail(function, "invalid input_data\n", REST_RET_INVALID_PARAM, line);
     }
     return REST_RET_SUCCESS;
 }
 
-int init_output(const char *function, json_ptr *output) {
+int init_output(const char *function, json_ptr *output, int line) {
     output->reset(json_value_init_object());
     if (*output == nullptr) {
-        log_write_error(function, __LINE__, "init output_obj_val fail\n");
-        return REST_RET_JSON_INIT_FAIL;
+        return fail(function, "init output_obj_val fail\n", REST_RET_JSON_INIT_FAIL, line);
     }
     return REST_RET_SUCCESS;
 }
@@ -93,21 +92,21 @@ change::~change() {
     }
 }
 
-int change::open(const char *function) {
+int change::open(const char *function, int line) {
     db_ = can_proprietary_db_get();
     if (db_ == nullptr) {
-        log_write_error(function, __LINE__, "param fail\n");
-        return REST_RET_INVALID_PARAM;
+        return fail(function, "param fail\n", REST_RET_INVALID_PARAM, line);
     }
     return REST_RET_SUCCESS;
 }
 
-int change::begin(const char *function) {
-    if (const int result = open(function); result != 0) {
+int change::begin(const char *function, int line) {
+    if (const int result = open(function, line); result != 0) {
         return result;
     }
     can_proprietary_db_start_set_db(db_);
-    return REST_RET_SUCCESS;
+    // Its failure is only logged, and without a transaction every statement would count at once.
+    return sqlite3_get_autocommit(db_) == 0 ? REST_RET_SUCCESS : REST_RET_SET_FAIL;
 }
 
 int change::commit() {

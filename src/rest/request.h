@@ -8,7 +8,11 @@
 #include <cstdint>
 #include <sqlite3.h>
 
-/* What handlers share on the way in and on the way out. Any thread. */
+/*
+ * What handlers share on the way in and on the way out. Any thread.
+ *
+ * What takes a function logs under that name and the caller's line.
+ */
 
 /**
  * Take the numeric id behind a resource word, as in "/CAN-proprietary/device/7?x=1"; what follows
@@ -18,16 +22,20 @@
 int can_proprietary_get_id_from_path(const char *uri, const char *resource, int32_t *id);
 
 /** A query parameter as a number, 0 for text that is none. @retval 0 @retval -1 absent (logged) */
-int get_query_number(const char *function, const char *uri, const char *name, int *number);
+int get_query_number(const char *function,
+                     const char *uri,
+                     const char *name,
+                     int *number,
+                     int line = __builtin_LINE());
 
 /** "invalid uri" and -1 for a missing URI. */
-int check_uri(const char *function, const char *uri);
+int check_uri(const char *function, const char *uri, int line = __builtin_LINE());
 
 /** "invalid input_data" and -1 for a missing body. */
-int check_body(const char *function, const char *body);
+int check_body(const char *function, const char *body, int line = __builtin_LINE());
 
 /** Create the output object. @retval 0 @retval -4 (logged) */
-int init_output(const char *function, json_ptr *output);
+int init_output(const char *function, json_ptr *output, int line = __builtin_LINE());
 
 /** Write the answer and give the handler's status. */
 int answer(int result, const json_ptr &output, rest_method method);
@@ -43,11 +51,16 @@ public:
     change &operator=(const change &) = delete;
     ~change();
 
-    /** Open and begin. @retval 0 @retval -1 the working copy cannot be opened (logged) */
-    int begin(const char *function);
+    /**
+     * Open and begin.
+     * @retval  0
+     * @retval -1  the working copy cannot be opened (logged)
+     * @retval -8  the transaction cannot begin (logged)
+     */
+    int begin(const char *function, int line = __builtin_LINE());
 
     /** Open without a transaction: every statement counts at once. */
-    int open(const char *function);
+    int open(const char *function, int line = __builtin_LINE());
 
     /** @retval 0 @retval -8 the commit failed and changed nothing (logged) */
     int commit();

@@ -84,8 +84,8 @@ int get_http_status(int ret, int option) {
     return 500;
 }
 
-int fail(const char *function, const char *message, int code) {
-    log_write_error(function, __LINE__, "%s", message);
+int fail(const char *function, const char *message, int code, int line) {
+    log_write_error(function, line, "%s", message);
     return code;
 }
 
@@ -201,35 +201,37 @@ int json_obj_get_boolean(const JSON_Object *object, const char *name, uint8_t *o
 
 namespace {
 
-int set_result(const char *function, const char *name, JSON_Status status) {
+int set_result(const char *function, int line, const char *name, JSON_Status status) {
     if (status == JSONSuccess) {
         return REST_RET_SUCCESS;
     }
-    log_write_error(function, __LINE__, "set %s fail\n", name);
+    log_write_error(function, line, "set %s fail\n", name);
     return REST_RET_JSON_SET_FAIL;
 }
 
 } // namespace
 
-int set_number(const char *function, JSON_Object *object, const char *name, double value) {
-    return set_result(function, name, json_object_dotset_number(object, name, value));
+int set_number(
+    const char *function, JSON_Object *object, const char *name, double value, int line) {
+    return set_result(function, line, name, json_object_dotset_number(object, name, value));
 }
 
-int set_string(const char *function, JSON_Object *object, const char *name, const char *value) {
-    return set_result(function, name, json_object_dotset_string(object, name, value));
+int set_string(
+    const char *function, JSON_Object *object, const char *name, const char *value, int line) {
+    return set_result(function, line, name, json_object_dotset_string(object, name, value));
 }
 
-int set_boolean(const char *function, JSON_Object *object, const char *name, bool value) {
-    return set_result(function, name, json_object_dotset_boolean(object, name, value ? 1 : 0));
+int set_boolean(const char *function, JSON_Object *object, const char *name, bool value, int line) {
+    return set_result(
+        function, line, name, json_object_dotset_boolean(object, name, value ? 1 : 0));
 }
 
-int build_success(const char *function, json_ptr *output, int set_code) {
+int build_success(const char *function, json_ptr *output, int set_code, int line) {
     output->reset(json_value_init_object());
     if (*output == nullptr) {
-        log_write_error(function, __LINE__, "init output_obj_val fail\n");
-        return REST_RET_JSON_INIT_FAIL;
+        return fail(function, "init output_obj_val fail\n", REST_RET_JSON_INIT_FAIL, line);
     }
     JSON_Object *object = json_value_get_object(output->get());
-    return set_string(function, object, "data.response", "success") == 0 ? REST_RET_SUCCESS
-                                                                         : set_code;
+    return set_string(function, object, "data.response", "success", line) == 0 ? REST_RET_SUCCESS
+                                                                               : set_code;
 }

@@ -60,8 +60,8 @@ int rest_write_error_msg(int ret);
  */
 int write_success_body(const char *function, const JSON_Value *output);
 
-/** Log a message under the caller's name. @return the code */
-int fail(const char *function, const char *message, int code);
+/** Log a message under the caller's name and line. @return the code */
+int fail(const char *function, const char *message, int code, int line = __builtin_LINE());
 
 /** Parse a request body; nullptr for none, or for text that is not one JSON value. */
 json_ptr parse_body(const char *body);
@@ -89,14 +89,29 @@ int json_obj_get_string_safe(
 int json_obj_get_boolean(const JSON_Object *object, const char *name, uint8_t *out);
 
 /*
- * Setters by dotted member path that log "set <name> fail" under the caller's name.
+ * Setters by dotted member path that log "set <name> fail" under the caller's name and line.
  * 0 or -6.
  */
-int set_number(const char *function, JSON_Object *object, const char *name, double value);
-int set_string(const char *function, JSON_Object *object, const char *name, const char *value);
-int set_boolean(const char *function, JSON_Object *object, const char *name, bool value);
+int set_number(const char *function,
+               JSON_Object *object,
+               const char *name,
+               double value,
+               int line = __builtin_LINE());
+int set_string(const char *function,
+               JSON_Object *object,
+               const char *name,
+               const char *value,
+               int line = __builtin_LINE());
+int set_boolean(const char *function,
+                JSON_Object *object,
+                const char *name,
+                bool value,
+                int line = __builtin_LINE());
 
-/** {"data":{"response":"success"}} @return 0, -4 or set_code; logged under the caller's name */
-int build_success(const char *function, json_ptr *output, int set_code = REST_RET_JSON_SET_FAIL);
+/** {"data":{"response":"success"}} @return 0, -4 or set_code; logged as the setters do */
+int build_success(const char *function,
+                  json_ptr *output,
+                  int set_code = REST_RET_JSON_SET_FAIL,
+                  int line = __builtin_LINE());
 
 #endif

@@ -145,19 +145,32 @@ HARMLESS = [
 ]
 
 
-@pytest.mark.parametrize("place", [place for place in TEXTS if place != "access"])
+@pytest.mark.parametrize("place", TEXTS)
 def test_other_texts_are_stored_and_shown_as_they_are(rest, place):
+    """A text changes the rows that any other one changes, and stands where that one stood."""
     _, longest, column, table = TEXTS[place]
+    kept = 2 if place == "access" else longest
+    assert send(rest, place, "MARK"[:kept]).status in (200, 201)
+    marked = rest.rows()
+    rest.discard()
     for text in HARMLESS:
         if len(text.encode()) > longest:
             continue
         answer = send(rest, place, text)
         assert answer.status in (200, 201), (text, answer)
-        assert (text,) in rest.gateway.query(f"SELECT {column} FROM {table}")
-        assert text in texts_of(answer.json)
-        for name in ("device", "transactions", "frame", "block"):
-            assert rest.gateway.query(f"SELECT COUNT(*) > 0 FROM {name}") == [(1,)]
+        stored = text.encode()[:kept].decode()
+        assert (stored,) in rest.gateway.query(f"SELECT {column} FROM {table}")
+        assert stored in texts_of(answer.json)
+        assert rest.rows() == with_cells(marked, "MARK"[:kept], stored), text
         rest.discard()
+
+
+def with_cells(rows: dict, mark: str, text: str) -> dict:
+    """The rows with another text where the mark stands."""
+    return {
+        table: [tuple(text if cell == mark else cell for cell in row) for row in content]
+        for table, content in rows.items()
+    }
 
 
 def texts_of(value) -> list[str]:
@@ -284,6 +297,99 @@ def test_a_member_of_another_type(rest, name, path):
             assert same_kind(value, original) or not is_read, (value, answer)
             rest.discard()
         assert rest.rows() == before, value
+
+
+# Every number of every body with its least and its greatest value; where another value would want
+# other members beside it, what is within the limits is left out.
+SHAPING = {"transactionType", "blockType", "fpFunc", "scalingFunc", "option"}
+TRANSACTION_NUMBERS = {
+    "transactionType": (0, 2),
+    "trigger": (0, 2),
+    "cyclicInterval": (10, 65535),
+    "consumeTimeout": (0, 65535),
+    "fpFunc": (0, 2),
+    "fpTimeout": (100, 65535),
+    "responseTimeout": (10, 65535),
+    "timeoutRetry": (0, 5),
+}
+NUMBERS = {
+    **TRANSACTION_NUMBERS,
+    "option": (0, 1),
+    "frameFormat": (0, 1),
+    "baudrate": (0, 7),
+    "initialDelay": (0, 120000),
+    "portId": (1, 2),
+    "canId": (0, 0x1FFFFFFF),
+    "dataLength": (0, 8),
+    "blockType": (0, 1),
+    "tagType": (0, 13),
+    "tagSize": (0, 8),
+    "constantSize": (0, 8),
+    "startOffset": (0, 7),
+    "swap": (0, 5),
+    "scalingFunc": (0, 2),
+}
+LIMITED = [
+    pytest.param(name, path, id=f"{name}-{'.'.join(map(str, path))}")
+    for name, (method, _, body) in BODIES.items()
+    for path in members(body)
+    if path[-1] in NUMBERS and not (method == "PATCH" and "frameList" in path)
+]
+
+
+def refusal_of(name: str, member: str) -> int:
+    if member == "dataLength":
+        return -4
+    return 1 if member in TRANSACTION_NUMBERS and name != "device" else -1
+
+
+def changed_rows(before: dict, after: dict) -> list[tuple]:
+    return [
+        (table, row)
+        for table, content in after.items()
+        for row in content
+        if row not in before[table]
+    ]
+
+
+@pytest.mark.parametrize("name, path", LIMITED)
+def test_numbers_at_and_beyond_their_limits(rest, name, path):
+    method, target, body = BODIES[name]
+    low, high = NUMBERS[path[-1]]
+    beyond = [low - 1, high + 1, 2**31, 2**32, 2**32 + low, 2**63, 2**64 + high, 1e10, 1e300]
+    with rest.unchanged():
+        for value in beyond + [-(2**31) - 1, -(2**32) + low, -(2**63), -1e10, -1e300]:
+            answer = rest.request(method, target, replaced(body, path, value))
+            assert answer.code == refusal_of(name, path[-1]), value
+    if path[-1] in SHAPING:
+        return
+    seen = []
+    for value in (low, high):
+        answer = rest.request(method, target, replaced(body, path, value))
+        assert answer.status in (200, 201), (value, answer)
+        seen.append(rest.rows())
+        rest.discard()
+    assert len(changed_rows(*seen)) == len(changed_rows(*reversed(seen))) == 1
+
+
+SCALED = [
+    pytest.param(name, path, id=f"{name}-{'.'.join(map(str, path))}")
+    for name, (_, _, body) in BODIES.items()
+    for path in members(body)
+    if path[-1].startswith(("intercept", "point"))
+]
+
+
+@pytest.mark.parametrize("name, path", SCALED)
+def test_scaling_numbers_are_held_within_32_bits(rest, name, path):
+    method, target, body = BODIES[name]
+    for value in (2**31, 2**64, 1e300):
+        for sign, held in ((1, 2**31 - 1), (-1, -(2**31))):
+            answer = rest.request(method, target, replaced(body, path, sign * value))
+            assert answer.status in (200, 201), (value, answer)
+            stored = rest.gateway.query(f"SELECT {path[-1]} FROM block WHERE tagName = 't'")
+            assert stored == [(float(held),)]
+            rest.discard()
 
 
 NO_NUMBERS = [

@@ -378,6 +378,113 @@ def test_unlisted_paths_are_not_found(rest, path):
     judge_content(response, answer, None, True)
 
 
+def documented_members(schema: dict, value, path=()):
+    """Way, schema and necessity of every member of a body, at every depth."""
+    schema = resolve(schema)
+    for part in schema.get("allOf", ()):
+        yield from documented_members(part, value, path)
+    for part in schema.get("oneOf", ()):
+        with contextlib.suppress(jsonschema.ValidationError):
+            validate(resolve(part), value)
+            yield from documented_members(part, value, path)
+    if isinstance(value, list):
+        for index, inner in enumerate(value):
+            yield from documented_members(schema["items"], inner, (*path, index))
+        return
+    for name, inner in schema.get("properties", {}).items():
+        if name in value:
+            here = (*path, name)
+            yield here, resolve(inner), name in schema.get("required", ())
+            yield from documented_members(inner, value[name], here)
+
+
+def successes(operation: Operation) -> set[str]:
+    """The examples that are answered with a success."""
+    responses = operation.node["responses"]
+    answers = [resolve(responses[status]) for status in ("200", "201") if status in responses]
+    contents = [media for answer in answers for media in answer["content"].values()]
+    return {name for media in contents for name in media.get("examples", ())}
+
+
+def accepted_bodies():
+    for operation in OPERATIONS:
+        for name, (kind, value) in operation.bodies.items():
+            if kind == "application/json" and name in successes(operation):
+                yield operation, name, value
+
+
+def members_with_limits():
+    for operation, example, value in accepted_bodies():
+        schema = operation.node["requestBody"]["content"]["application/json"]["schema"]
+        for path, member, is_required in documented_members(schema, value):
+            name = f"{operation.id}-{example}-{'.'.join(map(str, path))}"
+            yield pytest.param(operation, value, path, member, is_required, id=name)
+
+
+def with_member(body, path, *value):
+    """A copy with another value there, or none."""
+    copy = json.loads(json.dumps(body))
+    holder = copy
+    for step in path[:-1]:
+        holder = holder[step]
+    if value:
+        holder[path[-1]] = value[0]
+    else:
+        del holder[path[-1]]
+    return copy
+
+
+def limits(member: dict) -> tuple[list, list]:
+    """Values at the documented limits, and right beyond them."""
+    if "enum" in member and member["type"] == "integer":
+        return member["enum"], [min(member["enum"]) - 1, max(member["enum"]) + 1]
+    if "maximum" in member:
+        low, high = member["minimum"], member["maximum"]
+        held = member["type"] == "number"  # these are held within their limits
+        return [low, high], [] if held else [low - 1, high + 1]
+    if "maxLength" in member:
+        low, high = member.get("minLength", 0), member["maxLength"]
+        return ["0" * low, "0" * high], ["0" * (high + 1)] + ([""] if low else [])
+    return [], []
+
+
+# Another value of these wants other members beside it, or names another row.
+SHAPING = {
+    "transactionType", "trigger", "fpFunc", "blockType", "scalingFunc", "deviceId", "option",
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("operation, body, path, member, is_required", members_with_limits())
+def test_documented_limits_are_those_of_the_service(
+    rest, operation, body, path, member, is_required
+):
+    rest.discard()
+    within, beyond = limits(member)
+    refused = [with_member(body, path, value) for value in beyond]
+    refused += [with_member(body, path)] if is_required else []
+    with rest.unchanged():
+        for changed in refused:
+            answer = operation.send(rest, body=json.dumps(changed).encode())
+            assert answer.code < 0 or answer.code == 1, changed
+            validate(DOCUMENT["components"]["schemas"]["Failure"], answer.json)
+    for value in [] if path[-1] in SHAPING else within:
+        answer = operation.send(rest, body=json.dumps(with_member(body, path, value)).encode())
+        assert answer.status in (200, 201), (value, answer)
+        rest.discard()
+    if not is_required:
+        answer = operation.send(rest, body=json.dumps(with_member(body, path)).encode())
+        assert answer.status in (200, 201) or is_wanted_by_another(path[-1])
+        rest.discard()
+
+
+def is_wanted_by_another(name: str) -> bool:
+    """Members that only some types want are required by these, which the schema says in words."""
+    return name in {
+        "consumeToutEnable", "consumeTimeout", "trigger", "cyclicInterval", "fpFunc", "fpTimeout",
+        "responseTimeout", "timeoutRetry", "triggerByRTR",
+    }  # fmt: skip
+
+
 def test_every_documented_status_was_exercised(request):
     """Runs last; of a selection of this file's tests it says nothing."""
     if sum(item.module.__name__ == __name__ for item in request.session.items) < 230:

@@ -116,6 +116,26 @@ TEST_F(rest_start, address_of_another_machine_is_named) {
     EXPECT_EQ(log_, "kt-rest: cannot listen on 192.0.2.1:8080: Cannot assign requested address\n");
 }
 
+TEST_F(rest_start, without_a_setting_it_is_port_8080_of_this_machine_alone) {
+    for (const char *unset : {"", static_cast<const char *>(nullptr)}) {
+        if (unset != nullptr) {
+            setting("KT_REST_LISTEN", unset);
+        } else {
+            (void)unsetenv("KT_REST_LISTEN");
+        }
+        testing::internal::CaptureStderr();
+        const int handle = rest_init("unit", nullptr);
+        const std::string log = testing::internal::GetCapturedStderr();
+        if (handle == REST_NO_SERVER) { // somebody else's already
+            EXPECT_EQ(log, "kt-rest: cannot listen on 127.0.0.1:8080: Address already in use\n");
+            continue;
+        }
+        EXPECT_GT(handle, 0);
+        EXPECT_EQ(read(path("run/kt-rest/unit.address")), "127.0.0.1:8080\n");
+        rest_cleanup();
+    }
+}
+
 TEST_F(rest_start, addresses_are_understood_in_every_form) {
     for (const char *text : {"localhost:0", "127.0.0.1:0", "127.1.2.3:0"}) {
         setting("KT_REST_LISTEN", text);

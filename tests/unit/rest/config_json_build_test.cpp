@@ -156,6 +156,15 @@ TEST_F(config_json_build, a_tag_block_shows_its_two_shared_numbers_twice) {
               R"("pointTargetMax":1e+300}])");
 }
 
+TEST_F(config_json_build, a_block_that_is_no_constant_has_the_shape_of_a_tag) {
+    for (const uint8_t kind : {uint8_t{2}, uint8_t{5}, uint8_t{255}}) {
+        tag_block.blockType = kind;
+        EXPECT_THAT(block_text(tag_block),
+                    ::testing::StartsWith(R"([{"blockType":)" + std::to_string(kind) +
+                                          R"(,"blockId":6,"frameId":3,"tagName":"name",)"));
+    }
+}
+
 TEST_F(config_json_build, lists_keep_their_order_and_may_be_empty) {
     transaction_config second{};
     second.transactionName = name;

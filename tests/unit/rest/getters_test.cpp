@@ -1,3 +1,4 @@
+#include "allocation_fault.h"
 #include "rest_fixture.h"
 
 #include <climits>
@@ -137,6 +138,36 @@ TEST_F(getters, a_string_that_is_missing_or_of_another_type) {
                     ElementsAre(string_missing));
         EXPECT_FALSE(has_text);
     }
+}
+
+TEST_F(getters, a_string_without_memory_for_its_copy_counts_as_missing) {
+    const json_ptr value = parsed(R"({"n":"abc"})");
+    char *out = nullptr;
+    EXPECT_THAT(messages_of([&] {
+                    allocation_fault::arm(1);
+                    EXPECT_EQ(json_obj_get_string(object_of(value), "n", &out, 0, 9), -3);
+                    EXPECT_TRUE(allocation_fault::disarm());
+                }),
+                ElementsAre(string_missing));
+    EXPECT_EQ(out, nullptr);
+}
+
+TEST_F(getters, nothing_is_said_above_the_error_level) {
+    log_set_level(LOG_LEVEL_OFF);
+    const json_ptr value = parsed(R"({"n":"abc"})");
+    char buffer[4];
+    uint8_t flag = 0;
+    EXPECT_THAT(messages_of([&] {
+                    EXPECT_EQ(number(R"({"n":1})", 2, 3), -1);
+                    EXPECT_EQ(number("{}", 2, 3), -3);
+                    EXPECT_EQ(string(R"({"n":"abc"})", 4, 9), -1);
+                    EXPECT_EQ(string(R"({"n":"abc"})", 0, 2), -1);
+                    EXPECT_EQ(
+                        json_obj_get_string_safe(object_of(value), "n", buffer, sizeof buffer, 2),
+                        -1);
+                    EXPECT_EQ(json_obj_get_boolean(object_of(value), "n", &flag), -3);
+                }),
+                IsEmpty());
 }
 
 TEST_F(getters, a_string_replaces_what_the_output_held) {

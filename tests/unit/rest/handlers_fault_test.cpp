@@ -1,5 +1,6 @@
 #include "handlers_fixture.h"
 #include "rest/response.h"
+#include "sqlite_memory_fault.h"
 
 namespace {
 
@@ -15,6 +16,14 @@ protected:
     static bool keeps_its_effect(const rest_request_row &row) {
         return row.handler == can_proprietary_rest_delete_device_config ||
                row.handler == can_proprietary_rest_post_config_file;
+    }
+
+    /** The rows of the beginning, whatever a request has made of them. */
+    static void restore() {
+        fill();
+        execute(working_db_path(),
+                "UPDATE interface_setting SET baudrate = 3, initialDelay = 0, "
+                "busOffReset = 0, resistor = 0");
     }
 
     static void expect_failure(const rest_request_row &row, int status, int nth) {
@@ -50,10 +59,7 @@ TEST_F(handlers_fault, every_value_that_cannot_be_built_fails_the_request_and_ch
                                         ASSERT_EQ(everything(), before)
                                             << row.function << " " << nth;
                                     });
-        fill();
-        execute(working_db_path(),
-                "UPDATE interface_setting SET baudrate = 3, initialDelay = 0, "
-                "busOffReset = 0, resistor = 0");
+        restore();
         ASSERT_EQ(everything(), before);
     }
     EXPECT_GT(faults, 100);
@@ -84,12 +90,70 @@ TEST_F(handlers_fault, every_allocation_that_fails_fails_the_request_and_changes
                         "initialDelay = 0, busOffReset = 0, resistor = 0");
                 ASSERT_EQ(everything(), before) << row.function << " " << nth;
             });
-        fill();
-        execute(working_db_path(),
-                "UPDATE interface_setting SET baudrate = 3, initialDelay = 0, "
-                "busOffReset = 0, resistor = 0");
+        restore();
     }
     EXPECT_GT(faults, 100);
+}
+
+/** Places of the requests that change the working copy inside a transaction. */
+constexpr size_t changes[] = {1, 4, 5, 6, 7, 8, 11};
+
+TEST_F(handlers_fault, a_database_without_memory_fails_the_request_and_changes_nothing) {
+    const std::string before = everything();
+    int failures = 0;
+    for (const size_t request : changes) {
+        const rest_request_row &row = requests[request];
+        const captured_log quiet;
+        bool failed = true;
+        // Thousands of allocations are alike, most of them in opening: every 13th will do.
+        for (int nth = 1 + static_cast<int>(request); failed; nth += 13) {
+            sqlite_memory_fault::arm(nth, nth % 2 == 0);
+            const int status = run(row);
+            failed = sqlite_memory_fault::disarm();
+            if (status < 400) { // it did without
+                restore();
+                continue;
+            }
+            failures++;
+            expect_failure(row, status, nth);
+            ASSERT_EQ(everything(), before) << row.function << " " << nth;
+        }
+    }
+    EXPECT_GT(failures, 100);
+}
+
+TEST_F(handlers_fault, a_change_whose_transaction_cannot_begin_is_refused) {
+    const std::string before = everything();
+    for (const size_t request : changes) {
+        const rest_request_row &row = requests[request];
+        g_call_fault.no_memory_for = "BEGIN TRANSACTION;";
+        EXPECT_THAT(messages_of([&] { EXPECT_EQ(run(row), 500) << row.function; }),
+                    ElementsAre("can_proprietary_db_start_set_db|"
+                                "sqlite: begin transaction is fail\n",
+                                "get_http_status|error=-8, return 500 internal server error\n"));
+        g_call_fault = {};
+        EXPECT_EQ(code_of_answer(), REST_RET_SET_FAIL);
+        EXPECT_EQ(everything(), before);
+    }
+}
+
+TEST_F(handlers_fault, a_delete_takes_everything_along_even_when_the_pragma_fails) {
+    const struct {
+        size_t request;
+        const char *left; /* rows of the four tables */
+    } rows[] = {{10, "0|0|0|0"}, {11, "1|0|0|0"}, {7, "1|1|1|1"}};
+    for (const auto &row : rows) {
+        restore();
+        g_call_fault.no_memory_for = "PRAGMA foreign_keys = ON";
+        EXPECT_LT(run(requests[row.request]), 300);
+        g_call_fault = {};
+        EXPECT_EQ(rows_of(working_db_path(),
+                          "SELECT (SELECT COUNT(*) FROM device), "
+                          "(SELECT COUNT(*) FROM transactions), (SELECT COUNT(*) FROM frame), "
+                          "(SELECT COUNT(*) FROM block)"),
+                  row.left)
+            << requests[row.request].function;
+    }
 }
 
 TEST_F(handlers_fault, an_import_failure_that_cannot_be_told_leaves_the_status) {
@@ -116,80 +180,6 @@ TEST_F(handlers_fault, an_import_failure_that_cannot_be_told_leaves_the_status) 
     EXPECT_TRUE(json_fault::disarm());
     EXPECT_EQ(messages[messages.size() - 2],
               "rest_write_import_config_error_msg|json to string fail\n");
-}
-
-TEST_F(handlers_fault, messages_of_reads_that_cannot_be_shown) {
-    const struct {
-        size_t request;
-        const char *fault;
-        int nth;
-        const char *message;
-    } rows[] = {
-        {0, "init_object", 1, "init output_obj_val fail\n"},
-        {0, "data.baudrate", 1, "set data.baudrate fail\n"},
-        {0, "data.resistor", 1, "set data.resistor fail\n"},
-        {0, "init_array", 1, "init device_table_arr fail\n"},
-        {0, "data.deviceList", 1, "set data.deviceList fail\n"},
-        {0, "init_object", 2, "init table_inner fail\n"},
-        {0, "deviceName", 1, "set deviceName fail\n"},
-        {0, "append", 1, "append inner fail\n"},
-        {3, "data.deviceName", 1, "set data.deviceName fail\n"},
-        {9, "data.portNum", 1, "set data.deviceId fail\n"}, // names the wrong member, kept
-        {9, "init_array", 1, "init transaction_table_arr fail\n"},
-        {9, "init_object", 2, "init transaction_val fail\n"},
-        {9, "transactionNum", 1, "set transactionNum fail\n"},
-        {9, "append", 1, "append port_val fail\n"},
-        {9, "data.portList", 1, "set port list list fail\n"},
-        {12, "init_object", 1, "init output_obj_val fail\n"},
-        {12, "data.result", 1, "set data.result fail\n"},
-        {13, "init_array", 1, "init transaction_table_arr fail\n"},
-        {13, "init_array", 2, "init can_id_arr fail\n"},
-        {13, "init_object", 2, "init transaction_val fail\n"},
-        {13, "transactionId", 1, "set transactionId fail\n"},
-        {13, "append_number", 1, "set canIds to array fail\n"},
-        {13, "canId", 1, "set canIds array to transaction_val fail\n"},
-        {13, "append", 1, "append transaction_val fail\n"},
-        {13, "data", 1, "set data object fail\n"},
-        {17, "data.state", 1, "set data.state fail\n"},
-        {17, "data.busLoading", 1, "set data.busLoading fail\n"},
-        {17, "data.transactionCount", 1, "set data.transactionCount fail\n"},
-        {17, "init_array", 1, "init transaction_table_arr fail\n"},
-        {17, "init_object", 2, "init transaction_val fail\n"},
-        {17, "failedCount", 1, "set failedCount fail\n"},
-    };
-    for (const auto &row : rows) {
-        const rest_request_row &request = requests[row.request];
-        json_fault::arm(row.fault, row.nth);
-        const auto messages = messages_of([&] { EXPECT_EQ(run(request), 500); });
-        EXPECT_TRUE(json_fault::disarm()) << row.fault;
-        ASSERT_EQ(messages.size(), 2U) << row.message;
-        EXPECT_EQ(messages[0], std::string(request.function) + "|" + row.message);
-    }
-}
-
-TEST_F(handlers_fault, a_traffic_log_that_cannot_be_shown_says_so_twice) {
-    const rest_request_row &log = requests[15];
-    const std::string failed = "can_proprietary_rest_get_traffic_log|output json fail\n";
-    const std::string status = "get_http_status|error=-5, return 500 internal server error\n";
-    for (const char *fault : {"init_object", "data.response"}) {
-        json_fault::arm(fault);
-        EXPECT_THAT(messages_of([&] { EXPECT_EQ(run(log), 500); }),
-                    ElementsAre(failed, failed, status));
-        EXPECT_TRUE(json_fault::disarm());
-    }
-    json_fault::arm("data.action");
-    EXPECT_THAT(
-        messages_of([&] { EXPECT_EQ(run(log), 500); }),
-        ElementsAre("can_proprietary_rest_get_traffic_log|set data.action fail\n", failed, status));
-}
-
-TEST_F(handlers_fault, a_traffic_answer_that_cannot_be_filled_is_minus_5) {
-    json_fault::arm("data.response");
-    EXPECT_EQ(run(requests[14]), 500);
-    EXPECT_EQ(code_of_answer(), -5);
-    json_fault::arm("init_object");
-    EXPECT_EQ(run(requests[14]), 500);
-    EXPECT_EQ(code_of_answer(), -4);
 }
 
 } // namespace

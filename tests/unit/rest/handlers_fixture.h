@@ -2,6 +2,7 @@
 #define KT_TESTS_HANDLERS_FIXTURE_H
 
 #include "allocation_fault.h"
+#include "call_fault.h"
 #include "config/config_fixture.h"
 #include "device/diag.h"
 #include "fake_rest.h"
@@ -96,6 +97,7 @@ class handlers : public started_gateway {
 protected:
     handlers() {
         g_fake_rest = {};
+        g_call_fault = {};
         fill();
         EXPECT_EQ(can_proprietary_diag_create_infos(2), 0);
         (void)can_proprietary_diag_register(0, "drive", "state", true);
@@ -107,6 +109,7 @@ protected:
     ~handlers() override {
         (void)json_fault::disarm();
         (void)allocation_fault::disarm();
+        g_call_fault = {};
         can_proprietary_traffic_deinit();
         can_proprietary_diag_forget_transactions(0);
         can_proprietary_diag_release_infos();

@@ -151,12 +151,96 @@ TEST_F(handlers, an_apply_sets_the_restart_flag_and_nothing_else_does) {
     EXPECT_EQ(can_proprietary_restart, 1);
 }
 
+TEST_F(handlers, an_apply_counts_even_when_its_answer_fails) {
+    execute(working_db_path(), "UPDATE device SET deviceName = 'renamed'");
+    rest_request_row action = requests[2];
+    action.body = R"({"option":0})";
+    json_fault::arm("data.response");
+    EXPECT_EQ(run(action), 500);
+    EXPECT_EQ(answer(), R"({"error":{"code":-6,"message":"Internal error"}})");
+    EXPECT_EQ(can_proprietary_restart, 1);
+    EXPECT_EQ(rows_of(persistent_db_path(), "SELECT deviceName FROM device"), "renamed");
+}
+
+TEST_F(handlers, a_refused_apply_leaves_the_restart_flag_as_it_was) {
+    execute(working_db_path(), "INSERT INTO frame VALUES (2, 1, 385, 8, 1)");
+    rest_request_row action = requests[2];
+    action.body = R"({"option":0})";
+    for (const int before : {0, 1}) {
+        can_proprietary_restart = before;
+        EXPECT_THAT(messages_of([&] { EXPECT_EQ(run(action), 500); }),
+                    ElementsAre("can_proprietary_post_rest_action|set action fail\n",
+                                "get_http_status|error=-8, return 500 internal server error\n"));
+        EXPECT_EQ(can_proprietary_restart, before);
+    }
+    EXPECT_EQ(rows_of(persistent_db_path(), "SELECT COUNT(*) FROM frame"), "1");
+}
+
 TEST_F(handlers, a_port_without_a_record_cannot_be_diagnosed) {
     can_proprietary_diag_forget_transactions(0);
     can_proprietary_diag_release_infos();
     EXPECT_EQ(run(requests[17]), 500);
     EXPECT_EQ(answer(), R"({"error":{"code":-7,"message":"Fail to get"}})");
     EXPECT_EQ(can_proprietary_diag_create_infos(2), 0);
+}
+
+TEST_F(handlers, every_member_of_a_port_shows_its_own_column) {
+    execute(working_db_path(),
+            "UPDATE interface_setting SET frameFormat = 1, baudrate = 5, initialDelay = 7, "
+            "busOffReset = 1, resistor = 0 WHERE portId = 1");
+    ASSERT_EQ(run(requests[0]), 200);
+    EXPECT_EQ(answer(),
+              R"({"data":{"portId":1,"frameFormat":1,"baudrate":5,"initialDelay":7,)"
+              R"("busOffReset":true,"resistor":false,)"
+              R"("deviceList":[{"deviceId":1,"portId":1,"deviceName":"drive"}]}})");
+}
+
+TEST_F(handlers, every_member_of_a_port_is_stored_in_its_own_column) {
+    const struct {
+        const char *body;
+        const char *row;
+    } rows[] = {{R"({"frameFormat":1,"baudrate":5,"initialDelay":7,"busOffReset":true,)"
+                 R"("resistor":false})",
+                 "1|1|5|7|1|0"},
+                {R"({"frameFormat":0,"baudrate":2,"initialDelay":1,"busOffReset":false,)"
+                 R"("resistor":true})",
+                 "1|0|2|1|0|1"}};
+    for (const auto &row : rows) {
+        rest_request_row request = requests[1];
+        request.body = row.body;
+        ASSERT_EQ(run(request), 200);
+        EXPECT_EQ(answer(), std::string(R"({"data":)") + row.body + "}");
+        EXPECT_EQ(rows_of(working_db_path(),
+                          "SELECT portId, frameFormat, baudrate, initialDelay, busOffReset, "
+                          "resistor FROM interface_setting WHERE portId = 1"),
+                  row.row);
+    }
+}
+
+TEST_F(handlers, every_counter_shows_under_its_own_name) {
+    diag_record *record = can_proprietary_diag_get(0);
+    record->state = canbus_state_str[CANBUS_ERROR_ACTIVE];
+    record->bit_rate = 125000;
+    record->rxCount = 1;
+    record->txCount = 2;
+    record->crcError = 3;
+    record->bitError = 4;
+    record->stuffError = 5;
+    record->busOffCount = 6;
+    record->slots[0].state = RESULT_FAILED;
+    record->slots[0].failure_count = 7;
+    ASSERT_EQ(run(requests[17]), 200);
+    EXPECT_EQ(answer(),
+              R"({"data":{"state":"Error active","rxCount":1,"txCount":2,"crcError":3,)"
+              R"("bitError":4,"stuffError":5,"busOffCount":6,"busLoading":0,)"
+              R"("transactionCount":1,"transactionList":[{"deviceName":"drive",)"
+              R"("transactionName":"state","transactionState":1,"failedCount":7}]}})");
+}
+
+TEST_F(handlers, a_port_that_has_not_come_up_shows_a_state) {
+    can_proprietary_diag_get(0)->state = nullptr;
+    ASSERT_EQ(run(requests[17]), 200);
+    EXPECT_THAT(answer(), ::testing::StartsWith(R"({"data":{"state":"Normal",)"));
 }
 
 TEST_F(handlers, counters_show_at_64_bits_and_states_below_zero) {

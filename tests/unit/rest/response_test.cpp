@@ -1,3 +1,4 @@
+#include "rest/request.h"
 #include "rest_fixture.h"
 
 #include <climits>
@@ -159,6 +160,21 @@ TEST_F(response, a_failing_error_body_keeps_the_code_and_writes_nothing) {
 TEST_F(response, an_error_body_that_cannot_be_written_keeps_the_code) {
     g_fake_rest.write_results = {-2};
     EXPECT_THAT(messages_of([] { EXPECT_EQ(rest_write_error_msg(-7), -7); }), IsEmpty());
+}
+
+TEST_F(response, a_message_bears_the_line_where_it_failed) {
+    JSON_Object *none = nullptr;
+    ::testing::internal::CaptureStderr();
+    const int line = __LINE__;
+    EXPECT_EQ(fail("handler", "malloc fail\n", -2), -2);
+    EXPECT_EQ(set_number("handler", none, "data.portId", 1), -6);
+    EXPECT_EQ(check_uri("handler", nullptr), -1);
+    const auto message = [line](int after, const char *text) {
+        return "\033[91mERROR: handler(" + std::to_string(line + after) + "): " + text + "\033[0m";
+    };
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              message(1, "malloc fail\n") + message(2, "set data.portId fail\n") +
+                  message(3, "invalid uri\n"));
 }
 
 TEST_F(response, success_is_built_with_the_codes_of_its_failures) {
