@@ -184,18 +184,24 @@ int read_frames(tree_queries *tree, frame_config **list, int transactionId) {
         });
 }
 
+/** Find the one row of a key. @retval 0 @retval -1 none, or failed (logged) @retval -7 */
+int find(query *query, const char *select, int key, const char *absent) {
+    if (const int result = prepare(query, select, key); result != 0) {
+        return result;
+    }
+    const int found = step(*query);
+    if (found == 0) {
+        log_write_error(query->function, __LINE__, "%s", absent);
+    }
+    return found == 1 ? 0 : -1;
+}
+
 int read_transaction(tree_queries *tree, transaction_config *record, int transactionId) {
     query &transaction = tree->transaction;
     constexpr const char *select = "SELECT * FROM transactions WHERE transactionId = ";
-    if (const int result = prepare(&transaction, select, transactionId); result != 0) {
+    if (const int result = find(&transaction, select, transactionId, "transactionId not found\n");
+        result != 0) {
         return result;
-    }
-    const int found = step(transaction);
-    if (found == 0) {
-        log_write_error(transaction.function, __LINE__, "transactionId not found\n");
-    }
-    if (found != 1) {
-        return -1;
     }
     if (const int result = transaction_get_row(transaction.statement.get(), record); result != 0) {
         return result;
@@ -224,16 +230,9 @@ int read_transactions(tree_queries *tree, transaction_config **list, int deviceI
 
 int read_device(tree_queries *tree, device_config *record, int deviceId) {
     query &device = tree->device;
-    if (const int result = prepare(&device, "SELECT * FROM device WHERE deviceId = ", deviceId);
-        result != 0) {
+    constexpr const char *select = "SELECT * FROM device WHERE deviceId = ";
+    if (const int result = find(&device, select, deviceId, "deviceId not found\n"); result != 0) {
         return result;
-    }
-    const int found = step(device);
-    if (found == 0) {
-        log_write_error(device.function, __LINE__, "deviceId not found\n");
-    }
-    if (found != 1) {
-        return -1;
     }
     if (const int result = device_get_row(device.statement.get(), record); result != 0) {
         return result;
