@@ -234,7 +234,8 @@ int missing_column(const row_reading &row, int column) {
 /** What a value that was just read makes relevant, and which group its row belongs to. */
 int learn(row_reading *row, uint8_t column, std::string_view field) {
     const section_reader &reader = *row->reader;
-    const long long read = strtoll(std::string(field).c_str(), nullptr, 10);
+    const int base = is_hexadecimal(field) ? 16 : 10; // as SQL reads it
+    const long long read = strtoll(std::string(field).c_str(), nullptr, base);
     const auto value = static_cast<int32_t>(std::clamp<long long>(read, INT32_MIN, INT32_MAX));
     const uint16_t given = relevance_of(table_of(reader.table), column, value, row->known);
     row->known = static_cast<uint16_t>(row->known | given);

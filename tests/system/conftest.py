@@ -25,7 +25,12 @@ def pytest_configure(config):
 # the sanitizers (KT_BUS_TESTS=1) leave them to the host lane, unless KT_ALL_TESTS=1 takes
 # them along; the REST tests left are those where the bus answers too.
 WITHOUT_KERNEL = {
+    "config_file_durability_test",
+    "config_file_export_test",
+    "config_file_import_test",
     "kt_tag_test",
+    "model_configuration_test",
+    "model_self_test",
     "rest_bad_input_test",
     "rest_clients_test",
     "rest_device_test",

@@ -297,6 +297,15 @@ TEST_F(import_row, a_can_id_is_hexadecimal_with_and_without_its_prefix) {
     EXPECT_EQ(can_id("0x00000000000000000000001A3"), "1A3");
 }
 
+TEST_F(import_row, a_number_decides_as_the_database_reads_it) {
+    file_rows file;
+    file.section[2] = replaced(file.section[2], "state,1,", "state,0x1,");
+    EXPECT_EQ(import(file), 0);
+    EXPECT_EQ(committed("SELECT transactionType, consumeTimeout FROM transactions WHERE "
+                        "transactionId = 1"),
+              "1|200");
+}
+
 TEST_F(import_row, a_can_id_that_no_frame_carries) {
     const auto refuse = [this](const std::string &field,
                                const std::string &key,
