@@ -12,7 +12,7 @@ repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 bin=$repo/build/release/bin junit= timeout=600
 while [ $# -gt 0 ]; do
     case $1 in
-        --bin) bin=$2; shift 2 ;;
+        --bin) bin=$(realpath -- "$2"); shift 2 ;;
         --junit) junit=$2; shift 2 ;;
         --timeout) timeout=$2; shift 2 ;;
         *) break ;;
@@ -56,6 +56,9 @@ color=no
     printf '%q ' --color=$color -c tests/system/pytest.ini $tests ${junit:+--junitxml="$junit"} "$@"
     printf ')\n'
     printf 'export KT_LANE=kernel KT_BIN=%q KT_TIME_FACTOR=%q\n' "$bin" "${KT_TIME_FACTOR:-4}"
+    for name in KT_ALL_TESTS KT_MODEL_SEED KT_MODEL_SECONDS KT_LOAD_SECONDS; do
+        [ -z "${!name:-}" ] || printf 'export %s=%q\n' "$name" "${!name}"
+    done
     echo ". $(printf %q "$repo/tests/support/lane_k_init.sh")"
 } >"$run/init"
 chmod +x "$run/init"

@@ -10,7 +10,7 @@ repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 bin=$repo/build/release/bin junit=
 while [ $# -gt 0 ]; do
     case $1 in
-        --bin) bin=$2; shift 2 ;;
+        --bin) bin=$(realpath -- "$2"); shift 2 ;;
         --junit) junit=$2; shift 2 ;;
         *) break ;;
     esac

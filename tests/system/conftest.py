@@ -28,6 +28,7 @@ WITHOUT_KERNEL = {
     "config_file_durability_test",
     "config_file_export_test",
     "config_file_import_test",
+    "configuration_guide_test",
     "kt_tag_test",
     "model_configuration_test",
     "model_self_test",
@@ -37,6 +38,7 @@ WITHOUT_KERNEL = {
     "rest_openapi_test",
     "rest_read_test",
     "rest_transaction_test",
+    "tour_test",
 }
 
 

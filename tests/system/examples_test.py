@@ -1,7 +1,6 @@
 """The configuration files of docs/examples, taken in with curl and run on the bus."""
 
 import json
-import os
 import re
 import subprocess
 
@@ -9,6 +8,7 @@ import pytest
 
 from kt_system import lane
 from kt_system.bus import text_of
+from kt_system.documents import Terminal, plain_commands, section_of
 from kt_system.lane import scaled, wait_until
 from kt_system.tags import COMMUNICATING, NO_FRAME_YET, TIMED_OUT, block_tag, status_tag
 
@@ -288,33 +288,22 @@ def test_the_position_of_the_valve_arrives(run_example, bus, tags):
 
 
 def commands_of(file: str) -> list[str]:
-    sections = (EXAMPLES / "README.md").read_text("utf-8").split("\n## ")
-    section = next(text for text in sections if text.startswith(file + "\n"))
-    lines = [line.strip() for line in section.splitlines() if line.startswith("    ")]
-    return [line for line in lines if not line.startswith("kt-tag watch")]  # which never ends
+    commands = plain_commands(section_of(EXAMPLES / "README.md", file))
+    return [line for line in commands if not line.startswith("kt-tag watch")]  # which never ends
 
 
 @pytest.fixture
-def command_line(gateway, rest):
+def command_line(gateway, rest, tmp_path):
     """command_line(text): a line as a newcomer types it in the folder of the examples."""
+    environment = {**gateway.environment, "API": rest.url("")}
+    terminal = Terminal(tmp_path, environment, folder=EXAMPLES, curl_options=("fail-with-body",))
 
     def run(text: str) -> None:
-        strict = text.replace("curl ", "curl --silent --show-error --fail-with-body ", 1)
-        result = subprocess.run(
-            ["bash", "-c", strict],
-            cwd=EXAMPLES,
-            env={
-                **gateway.environment,
-                "API": rest.url(""),
-                "PATH": f"{lane.BIN}:{os.environ['PATH']}",
-            },
-            capture_output=True,
-            text=True,
-            timeout=scaled(40),
-        )
-        assert result.returncode == 0, f"{text}: {result.stdout}{result.stderr}"
+        status, printed = terminal.type(text)
+        assert status == 0, f"{text}: {printed}"
 
-    return run
+    yield run
+    terminal.close()
 
 
 @pytest.mark.parametrize(
