@@ -29,6 +29,7 @@ WITHOUT_KERNEL = {
     "config_file_export_test",
     "config_file_import_test",
     "configuration_guide_test",
+    "documents_test",
     "kt_tag_test",
     "model_configuration_test",
     "model_self_test",

@@ -44,7 +44,8 @@
  *   500  the handler failed to give an HTTP status from 200 to 599
  *   503  no memory; bodies under way take REST_BODIES_MAX bytes and this one would be above 64 KiB;
  *        or the server is stopping
- * What is no HTTP request at all is answered by libmicrohttpd with 400, 413, 414, 431 or 505 and HTML.
+ * What is no HTTP request at all is answered by libmicrohttpd with 400, 413, 414, 431 or 505 and
+ * HTML.
  */
 
 #ifdef __cplusplus
