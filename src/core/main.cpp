@@ -19,6 +19,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <new>
@@ -132,6 +133,8 @@ void run_pass() {
 } // namespace
 
 int main() {
+    // What is said there is said when it happens, to a file as to a terminal.
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     route_signals();
     log_init_from_environment();
     can_proprietary_event_create();
