@@ -51,10 +51,11 @@ void swap_blocks(frame_info *frame, frame_buffer &copy) {
 /** From a transaction's first frame to what goes on the bus. */
 void build_frame(can_module *module, transaction_info *info, bool clear_changed, can_frame *out) {
     frame_info *frame = info->frames;
-    frame_buffer copy;
+    const size_t length = std::min<size_t>(frame->config->dataLength, CAN_MAX_DLEN);
+    frame_buffer copy{}; // a swap finds zeros where its block leaves the frame
     {
         const mutex_guard guard(&module->mutex);
-        copy = frame->data;
+        memcpy(copy.data(), frame->data.data(), length);
         if (clear_changed) {
             info->data_changed = 0;
         }
@@ -66,7 +67,7 @@ void build_frame(can_module *module, transaction_info *info, bool clear_changed,
         out->can_id |= CAN_EFF_FLAG;
     }
     out->len = frame->config->dataLength;
-    memcpy(out->data, copy.data(), std::min<size_t>(out->len, CAN_MAX_DLEN));
+    memcpy(out->data, copy.data(), length);
 }
 
 outcome send_frame(can_module *module, const transaction_info *info, const can_frame &frame) {

@@ -156,7 +156,8 @@ void can_engine_model::set_status(const transaction *item, uint32_t status) {
 
 can_frame can_engine_model::build(transaction *item) {
     const frame &source = item->frames.front();
-    std::array<uint8_t, 16> data = source.data;
+    std::array<uint8_t, 16> data{};
+    memcpy(data.data(), source.data.data(), source.config->dataLength);
     for (const tag &each : source.tags) {
         codec_swap({data.data() + each.config->startOffset, size_of(each.config)},
                    each.config->swap);

@@ -118,14 +118,24 @@ TEST_F(transaction_engine, only_the_bytes_of_the_frame_are_sent) {
     EXPECT_THAT(pass(), ElementsAre("send 10#0000000000000001", "result p success"));
 }
 
-TEST_F(transaction_engine, a_swap_beyond_the_frame_brings_its_bytes_in) {
+TEST_F(transaction_engine, a_swap_beyond_the_frame_brings_zeros_in) {
     transaction_config *transaction =
         can_add_transaction(device(), "p", TRANSACTION_PRODUCE, TRIGGER_BOOTUP);
     frame_config *frame = can_add_frame(transaction, 0x10, 8, FRAME_PRODUCED);
     can_add_tag(frame, "v", TAG_UINT64, 8, 7)->swap = 4;
     build();
     can_dx_put("can_proprietary/dev/p_v", {1, 2, 3, 4, 5, 6, 7, 8});
-    EXPECT_THAT(pass(), ElementsAre("send 10#0000000000000008", "result p success"));
+    EXPECT_THAT(pass(), ElementsAre("send 10#0000000000000000", "result p success"));
+}
+
+TEST_F(transaction_engine, a_swap_beyond_the_length_brings_zeros_in) {
+    transaction_config *transaction =
+        can_add_transaction(device(), "p", TRANSACTION_PRODUCE, TRIGGER_BOOTUP);
+    frame_config *frame = can_add_frame(transaction, 0x10, 3, FRAME_PRODUCED);
+    can_add_tag(frame, "v", TAG_RAW, 4, 0)->swap = 4;
+    build();
+    can_dx_put("can_proprietary/dev/p_v", {1, 2, 3, 4});
+    EXPECT_THAT(pass(), ElementsAre("send 10#000302", "result p success"));
 }
 
 TEST_F(transaction_engine, only_the_first_frame_of_a_produce_transaction_is_sent) {
