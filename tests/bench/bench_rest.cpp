@@ -1,6 +1,7 @@
 #include "bench_gateway.h"
 #include "config/database_files.h"
 #include "rest/handlers.h"
+#include "statement_record.h"
 
 #include <kt/rest.h>
 
@@ -11,8 +12,10 @@
 
 /*
  * What a request costs beyond its SQL: a device with 16 transactions, 24 frames and 96 tags is read
- * and created by the handlers as the server calls them, and by the statements alone, prepared, on
- * an open connection, in one transaction, on the same file.
+ * and created by the handlers as the server calls them; by the very statements that they execute,
+ * as texts on a connection of their own, with nothing around them; and, as the least that can be
+ * thought of, by such statements prepared beforehand on an open connection, in one transaction. All
+ * on the same file.
  *
  * The argument is the number of such devices that the working copy holds: 1, and 32, which is the
  * most that fits.
@@ -252,16 +255,31 @@ connection open_working_copy() {
     return {open_like_the_service(working_db_path()), sqlite3_close};
 }
 
+void get_device() {
+    const int status =
+        can_proprietary_rest_get_device_config("/CAN-proprietary/device?deviceId=1", nullptr, 0);
+    if (status != 200) {
+        give_up("GET answered " + std::to_string(status));
+    }
+}
+
 void get_handler(benchmark::State &state) {
     fill(static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        const int status = can_proprietary_rest_get_device_config(
-            "/CAN-proprietary/device?deviceId=1", nullptr, 0);
-        if (status != 200) {
-            give_up("GET answered " + std::to_string(status));
-        }
+        get_device();
     }
     state.counters["answer_bytes"] = static_cast<double>(g_answer_bytes);
+}
+
+void get_texts(benchmark::State &state) {
+    fill(static_cast<int>(state.range(0)));
+    {
+        const statement_record record;
+        get_device();
+    }
+    for (auto _ : state) {
+        replay(working_db_path(), statement_record::connections());
+    }
 }
 
 void get_statements(benchmark::State &state) {
@@ -287,6 +305,21 @@ void post_handler(benchmark::State &state) {
     }
 }
 
+void post_texts(benchmark::State &state) {
+    fill(static_cast<int>(state.range(0)) - 1);
+    {
+        const statement_record record;
+        post_device();
+    }
+    delete_last_device(); // the next one gets the same keys
+    for (auto _ : state) {
+        replay(working_db_path(), statement_record::connections());
+        state.PauseTiming();
+        delete_last_device();
+        state.ResumeTiming();
+    }
+}
+
 void post_statements(benchmark::State &state) {
     fill(static_cast<int>(state.range(0)) - 1);
     for (auto _ : state) {
@@ -306,8 +339,10 @@ void post_statements(benchmark::State &state) {
 }
 
 BENCHMARK(get_handler)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
+BENCHMARK(get_texts)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
 BENCHMARK(get_statements)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
 BENCHMARK(post_handler)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
+BENCHMARK(post_texts)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
 BENCHMARK(post_statements)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -6,12 +6,11 @@ Times are processor time, the least of the repetitions: what a loaded machine di
 import json
 import sys
 
-PAIRS = (
-    ("GET of a device, alone in the file", "get_handler/1", "get_statements/1", "us", 3),
-    ("GET of a device, one of 32", "get_handler/32", "get_statements/32", "us", 3),
-    ("POST of a device, alone in the file", "post_handler/1", "post_statements/1", "us", 3),
-    ("POST of a device, one of 32", "post_handler/32", "post_statements/32", "us", 3),
-    ("import of the largest file", "import_file", "sqlite3_command", "ms", 2),
+REQUESTS = (
+    ("GET of a device, alone in the file", "get", 1),
+    ("GET of a device, one of 32", "get", 32),
+    ("POST of a device, alone in the file", "post", 1),
+    ("POST of a device, one of 32", "post", 32),
 )
 MEMORY = (
     ("the largest file", "memory_one_file"),
@@ -38,10 +37,16 @@ def main() -> None:
     for path in sys.argv[1:]:
         with open(path, encoding="utf-8") as file:
             runs += json.load(file)["benchmarks"]
-    print(f"{'':38}{'service':>11}{'statements':>13}{'ratio':>8}{'goal':>6}")
-    for title, ours, floor, unit, goal in PAIRS:
-        one, other = least(runs, ours), least(runs, floor)
-        print(f"{title:38}{one:8.0f} {unit}{other:10.0f} {unit}{one / other:8.1f}{goal:6}")
+    print(f"{'':38}{'service':>11}{'its SQL':>11}{'ratio':>8}{'goal':>6}{'prepared SQL':>14}")
+    for title, name, devices in REQUESTS:
+        ours, texts, prepared = (
+            least(runs, f"{name}_{kind}/{devices}") for kind in ("handler", "texts", "statements")
+        )
+        print(f"{title:38}{ours:8.0f} us{texts:8.0f} us{ours / texts:8.2f}{3:6}{prepared:11.0f} us")
+    ours, command = least(runs, "import_file"), least(runs, "sqlite3_command")
+    print(f"{'':38}{'service':>11}{'sqlite3':>11}{'ratio':>8}{'goal':>6}")
+    title = "import of the largest file"
+    print(f"{title:38}{ours:8.0f} ms{command:8.0f} ms{ours / command:8.2f}{2:6}")
     print(f"{'memory that an import adds':38}{'file':>11}{'peak':>13}")
     for title, name in MEMORY:
         found = [run for run in runs if run["run_name"].startswith(name + "/")
