@@ -25,6 +25,7 @@ from kt_system.rows import (
     request,
     tag,
 )
+from kt_system.tags import block_tag
 
 SENDS, RUNS, TIMEOUTS = 12, 3, 2  # what is waited for of each
 
@@ -314,20 +315,23 @@ def test_a_device_that_is_heard_times_out_only_in_the_gaps(gateway, bus):
 QUESTIONS = 6
 
 
-def test_the_bus_load_is_that_of_a_time_between_two_questions(gateway, bus):
+def test_the_bus_load_is_that_of_a_time_between_two_questions(gateway, bus, tags):
     for seed in seeds():
         with reproducible(seed) as rng:
             stop(gateway)
             code = rng.randint(0, 9)
             answer = produce("answer", frame(0x201, 3), trigger=ON_CHANGE, triggerByRTR=1)
+            last = consume("last", frame(0x181, 2, tag("number", U16)))
             gateway.configure(
-                device("drive", answer), sql=f"UPDATE interface_setting SET baudrate = {code}"
+                device("drive", answer, last),
+                sql=f"UPDATE interface_setting SET baudrate = {code}",
             )
             gateway.start()
             node = bus()
             asked_before, answered_before, _ = ask_load(gateway)
-            for _ in range(QUESTIONS):
-                bits = load_bus(rng, node)
+            for number in range(1, QUESTIONS + 1):
+                bits = load_bus(rng, node, number)
+                tags.wait_for(block_tag("drive", "last", "number"), number)
                 asked, answered, load = ask_load(gateway)
                 shortest = int((asked - answered_before) * 1000) - 1
                 longest = int((answered - asked_before) * 1000) + 2
@@ -343,9 +347,9 @@ def ask_load(gateway) -> tuple[float, float, float]:
     return asked, time.monotonic(), load
 
 
-def load_bus(rng, node) -> int:
-    """Frames of any length for some milliseconds, at last one that is answered once the others
-    have been counted."""
+def load_bus(rng, node, number: int) -> int:
+    """Frames of any length for some milliseconds, one that is answered, and one whose value shows
+    that the others have been counted, the answer too."""
     bits, end = 0, time.monotonic() + rng.uniform(0.005, 0.05)
     while time.monotonic() < end:
         length = rng.randint(0, 8)
@@ -353,4 +357,5 @@ def load_bus(rng, node) -> int:
         bits += frame_bits(length)
     node.send_remote(0x201, 5)
     node.expect(0x201, bytes(3))
-    return bits + frame_bits(5) + frame_bits(3)
+    node.send(0x181, number.to_bytes(2, "little"))
+    return bits + frame_bits(5) + frame_bits(3) + frame_bits(2)
