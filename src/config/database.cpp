@@ -110,7 +110,7 @@ sqlite3 *open_db(const char *path) {
 }
 
 void sleep_between_steps() {
-    constexpr timespec pause = {0, 250 * 1000 * 1000L};
+    constexpr timespec pause = {0, 250'000'000};
     (void)nanosleep(&pause, nullptr); // a signal may cut the pause short
 }
 

@@ -91,7 +91,7 @@ void run_port_threads(std::span<pthread_t> threads, std::span<uint32_t> indices)
 
 /** Let time pass, up to a stop or a restart. */
 void pause_unless_wanted(int slices) {
-    constexpr timespec slice = {0, 100 * 1000 * 1000L};
+    constexpr timespec slice = {0, 100'000'000};
     for (int i = 0; i < slices && !stop_requested() && !restart_requested(); i++) {
         (void)nanosleep(&slice, nullptr); // a signal cuts it short
     }
