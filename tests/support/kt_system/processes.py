@@ -1,5 +1,6 @@
 """Programs that run beside a test and print lines."""
 
+import os
 import subprocess
 import threading
 
@@ -18,7 +19,8 @@ class LineReader:
         self.errors: list[str] = []
         self.process = subprocess.Popen(
             command,
-            env=environment,
+            env={**(os.environ if environment is None else environment),
+                 **lane.sanitizer_environment()},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
