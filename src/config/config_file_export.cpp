@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 #include "config/database.h"
+#include "config/frame_owner.h"
 #include "config/model.h"
 #include "config/row.h"
 #include "config/sqlite_guards.h"
@@ -17,57 +18,11 @@ namespace {
 using working_copy_ptr = std::unique_ptr<sqlite3, call_on_delete<can_proprietary_db_close>>;
 using block_ptr = std::unique_ptr<block_config, call_on_delete<conf_free_block_list>>;
 
-/** Position of fpFunc among the columns of the owner query. */
-constexpr int owner_fp_func = 7;
-
 constexpr const char *block_writer = "export_block_parm";
 
 constexpr uint8_t block_type_column = 2;
 constexpr uint8_t tag_type_column = 5;
 constexpr uint8_t constant_size_column = 18;
-
-/** Statement that finds the transaction owning a frame, prepared when first needed. */
-struct owner_lookup {
-    sqlite3 *db;
-    stmt_ptr statement;
-};
-
-int owner_failed(const owner_lookup &owner, int frameId) {
-    log_write_error("write_tag_detail_info_to_csv",
-                    __LINE__,
-                    "%s. SQL: SELECT * FROM transactions t JOIN frame f ON t.transactionId = "
-                    "f.transactionId WHERE f.frameId = %d\n",
-                    sqlite3_errmsg(owner.db),
-                    frameId);
-    log_write_error(block_writer, __LINE__, "write_tag_detail_info_to_csv is fail");
-    return -1;
-}
-
-int prepare_owner(owner_lookup *owner) {
-    sqlite3_stmt *prepared = nullptr;
-    constexpr const char *sql =
-        "SELECT * FROM transactions t JOIN frame f ON t.transactionId = f.transactionId WHERE "
-        "f.frameId = ?";
-    const int result = sqlite3_prepare_v2(owner->db, sql, -1, &prepared, nullptr);
-    owner->statement.reset(prepared);
-    return result;
-}
-
-/** @retval 1 the owning transaction has a fault value per tag @retval 0 not @retval -1 (logged) */
-int has_fault_value(owner_lookup *owner, int frameId) {
-    if (owner->statement == nullptr && prepare_owner(owner) != SQLITE_OK) {
-        return owner_failed(*owner, frameId);
-    }
-    sqlite3_stmt *statement = owner->statement.get();
-    (void)sqlite3_reset(statement); // reports the failure of a step that was reported already
-    const bool bound = sqlite3_bind_int(statement, 1, frameId) == SQLITE_OK;
-    const int step = bound ? sqlite3_step(statement) : SQLITE_ERROR;
-    if (step != SQLITE_ROW && step != SQLITE_DONE) {
-        return owner_failed(*owner, frameId);
-    }
-    const bool found = step == SQLITE_ROW;
-    return found && sqlite3_column_int(statement, owner_fp_func) == FAULT_PROTECTION_VALUE ? 1 : 0;
-}
 
 const char *text_of(sqlite3_stmt *row, int position) {
     const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(row, position));
@@ -117,7 +72,7 @@ uint16_t exported_relevance(const table &table, uint8_t position, int32_t value,
 }
 
 /** @retval 0 @retval -1 the owner of a tag cannot be looked up (logged) */
-int write_row(FILE *file, const table &table, sqlite3_stmt *row, owner_lookup *owner) {
+int write_row(FILE *file, const table &table, sqlite3_stmt *row, frame_owner *owner) {
     uint16_t known = 0;
     const auto count = static_cast<uint8_t>(table.columns.size());
     for (uint8_t i = 0; i < count; i++) {
@@ -132,8 +87,9 @@ int write_row(FILE *file, const table &table, sqlite3_stmt *row, owner_lookup *o
         const uint16_t given = exported_relevance(table, i, sqlite3_column_int(row, i), known);
         known = static_cast<uint16_t>(known | given);
         if (&table == &table_of(TABLE_BLOCK) && i == block_type_column && (given & TAG) != 0) {
-            const int fault_value = has_fault_value(owner, sqlite3_column_int(row, 1));
+            const int fault_value = owner->has_fault_value(sqlite3_column_int(row, 1));
             if (fault_value < 0) {
+                log_write_error(block_writer, __LINE__, "write_tag_detail_info_to_csv is fail");
                 return -1;
             }
             known = static_cast<uint16_t>(known | (fault_value == 1 ? FAULT_VALUE : 0));
@@ -164,7 +120,7 @@ int write_rows(const char *function, table_id id, sqlite3 *db, FILE *file) {
         log_write_error(function, __LINE__, "%s. Sql: %s\n", sqlite3_errmsg(db), sql);
         return -1;
     }
-    owner_lookup owner{db, nullptr};
+    frame_owner owner(db, "write_tag_detail_info_to_csv");
     int step = sqlite3_step(prepared);
     for (; step == SQLITE_ROW; step = sqlite3_step(prepared)) {
         if (const int checked = id == TABLE_BLOCK ? check_block(prepared) : 0; checked != 0) {

@@ -133,27 +133,18 @@ bool is_number_like(std::string_view text, bool hexadecimal) {
 /** A name with characters that names must not have; each table words and keys it its own way. */
 int invalid_name(const row_reading &row, const char *name, int column) {
     const section_reader &reader = *row.reader;
-    switch (reader.table) {
-    case TABLE_DEVICE:
-        log_write_error(reader.function,
-                        __LINE__,
-                        "Data error: Invalid characters in '%s' at line %d, column %d\n",
-                        name,
-                        row.err->line,
-                        column);
-        return fail(row.err, "syntax-err", column); // not "invalid-name", as clients know it
-    case TABLE_TRANSACTIONS:
-        log_write_error(reader.function,
-                        __LINE__,
-                        "Data error: Invalid characters in '%s' at line %d, column %d\n",
-                        name,
-                        row.err->line,
-                        column);
-        return fail(row.err, "invalid-name", column);
-    default:
+    if (reader.table != TABLE_DEVICE && reader.table != TABLE_TRANSACTIONS) {
         log_write_error(reader.function, __LINE__, "Data error: Invalid characters in %s", name);
         return fail(row.err, "invalid-name");
     }
+    log_write_error(reader.function,
+                    __LINE__,
+                    "Data error: Invalid characters in '%s' at line %d, column %d\n",
+                    name,
+                    row.err->line,
+                    column);
+    // A device's is not "invalid-name", as clients know it.
+    return fail(row.err, reader.table == TABLE_DEVICE ? "syntax-err" : "invalid-name", column);
 }
 
 int refused(const row_reading &row, const char *message) {

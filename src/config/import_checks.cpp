@@ -10,9 +10,6 @@ namespace {
 
 constexpr int tag_size_limit = 8;
 
-/** Position of fpFunc among the columns of the owner query. */
-constexpr int owner_fp_func = 7;
-
 int fail(conf_import_error *err, const char *key) {
     set_import_key(err, key);
     return -1;
@@ -57,39 +54,13 @@ int section_checks::run(stmt_ptr *statement, const char *sql, int32_t key, conf_
     return step == SQLITE_ROW ? 1 : 0;
 }
 
-int section_checks::owner_failed(int32_t frameId, conf_import_error *err) {
-    log_write_error(function_,
-                    __LINE__,
-                    "%s. SQL: SELECT * FROM transactions t JOIN frame f ON t.transactionId = "
-                    "f.transactionId WHERE f.frameId = %d\n",
-                    sqlite3_errmsg(db_),
-                    frameId);
-    err->column = 3;
-    return fail(err, "internal-err");
-}
-
 int section_checks::owner_has_fault_value(int32_t frameId, conf_import_error *err) {
-    if (owner_answer_ >= 0 && owner_frame_ == frameId) {
-        return owner_answer_; // blocks of one frame stand together
+    const int answer = owner_.has_fault_value(frameId);
+    if (answer < 0) {
+        err->column = 3;
+        return fail(err, "internal-err");
     }
-    constexpr const char *sql = "SELECT * FROM transactions t JOIN frame f ON t.transactionId = "
-                                "f.transactionId WHERE f.frameId = ?";
-    sqlite3_stmt *prepared = owner_.get();
-    if (prepared == nullptr && sqlite3_prepare_v2(db_, sql, -1, &prepared, nullptr) != SQLITE_OK) {
-        return owner_failed(frameId, err);
-    }
-    if (owner_ == nullptr) {
-        owner_.reset(prepared);
-    }
-    const int step = rebind(prepared, frameId) ? sqlite3_step(prepared) : SQLITE_ERROR;
-    if (step != SQLITE_ROW && step != SQLITE_DONE) {
-        return owner_failed(frameId, err);
-    }
-    owner_frame_ = frameId;
-    const bool found = step == SQLITE_ROW;
-    owner_answer_ =
-        found && sqlite3_column_int(prepared, owner_fp_func) == FAULT_PROTECTION_VALUE ? 1 : 0;
-    return owner_answer_;
+    return answer;
 }
 
 int section_checks::check_duplicate(const char *sql,

@@ -2,6 +2,7 @@
 #define KT_CONFIG_IMPORT_CHECKS_H
 
 #include "config/config_file.h"
+#include "config/frame_owner.h"
 #include "config/sqlite_guards.h"
 #include "config/tables.h"
 
@@ -19,7 +20,7 @@ void set_import_key(conf_import_error *err, const char *key);
 class section_checks {
 public:
     section_checks(const char *function, table_id table, sqlite3 *db)
-        : function_(function), table_(table), db_(db) {}
+        : function_(function), table_(table), db_(db), owner_(db, function) {}
 
     /** @retval 1 the frame's transaction has a fault value per tag @retval 0 not @retval -1 failed
      */
@@ -36,7 +37,6 @@ private:
     /** Ask about one key. @retval 1 a row came @retval 0 none @retval -1 failed (logged) */
     int run(stmt_ptr *statement, const char *sql, int32_t key, conf_import_error *err);
     int query_failed(conf_import_error *err);
-    int owner_failed(int32_t frameId, conf_import_error *err);
     int check_duplicate(const char *sql, int32_t group, const char *format, conf_import_error *err);
     int check_tag_size(int32_t frameId, conf_import_error *err);
     int check_port_rows(conf_import_error *err);
@@ -46,12 +46,10 @@ private:
     const char *function_;
     table_id table_;
     sqlite3 *db_;
-    stmt_ptr owner_;
+    frame_owner owner_;
     stmt_ptr duplicate_;
     stmt_ptr size_;
     stmt_ptr count_;
-    int32_t owner_frame_ = -1;
-    int owner_answer_ = -1;
 };
 
 #endif
