@@ -7,16 +7,12 @@
 
 namespace {
 
-thread_local int countdown = 0;
-thread_local bool failed = false;
+thread_local fault_countdown countdown;
 
 bool fails_now() {
-    if (countdown == 0 || --countdown > 0) {
-        return false;
-    }
-    failed = true;
-    errno = ENOMEM;
-    return true;
+    const bool fails = countdown.fails_now();
+    errno = fails ? ENOMEM : errno;
+    return fails;
 }
 
 void *allocate(size_t size) {
@@ -38,13 +34,11 @@ void *allocate_array(size_t size) {
 } // namespace
 
 void allocation_fault::arm(int nth) {
-    countdown = nth;
-    failed = false;
+    countdown.arm(nth);
 }
 
 bool allocation_fault::disarm() {
-    countdown = 0;
-    return failed;
+    return countdown.disarm();
 }
 
 extern "C" {

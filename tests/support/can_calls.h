@@ -8,8 +8,8 @@
 #include <vector>
 
 /*
- * System calls of a port, put in place by the linker's --wrap option: see can_wrapped_calls.cmake.
- * Until can_calls_reset() says otherwise they do what follows.
+ * System calls of a port, put in place by the linker's --wrap option: see kt_wrap() in
+ * doubles.cmake. Until can_calls_reset() says otherwise they do what follows.
  *
  *   sendto          notes "send", or "refused" for a frame that it does not take
  *   select          never waits; the wanted time is kept

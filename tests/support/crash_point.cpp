@@ -1,5 +1,7 @@
 #include "crash_point.h"
 
+#include "fault_countdown.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,19 +14,17 @@
 namespace {
 
 constexpr int crashed = 77;
-int countdown = 0;
+fault_countdown countdown;
 bool fails_only = false;
-bool has_failed = false;
 
 /** @return whether the change that follows has to fail */
 bool change() {
-    if (countdown == 0 || --countdown > 0) {
+    if (!countdown.fails_now()) {
         return false;
     }
     if (!fails_only) {
         _exit(crashed);
     }
-    has_failed = true;
     errno = EIO;
     return true;
 }
@@ -69,7 +69,7 @@ bool crash_point::crashes(int nth, const std::function<void()> &work) {
     if (child == 0) {
         watch_sqlite();
         fails_only = false;
-        countdown = nth;
+        countdown.arm(nth);
         work();
         _exit(0);
     }
@@ -83,13 +83,11 @@ bool crash_point::crashes(int nth, const std::function<void()> &work) {
 void crash_point::fail_change(int nth) {
     watch_sqlite();
     fails_only = true;
-    has_failed = false;
-    countdown = nth;
+    countdown.arm(nth);
 }
 
 bool crash_point::stop_failing() {
-    countdown = 0;
-    return has_failed;
+    return countdown.disarm();
 }
 
 extern "C" {

@@ -16,11 +16,13 @@ function(kt_allocation_faults target)
                       _ZnwjRKSt9nothrow_t _ZnajRKSt9nothrow_t)
 endfunction()
 
-# kt_parson_faults(TARGET): the calls by which values are built can be made to fail.
-function(kt_parson_faults target)
-    target_sources(${target} PRIVATE ${KT_TEST_DOUBLES}/parson_fault.cpp)
-    kt_wrap(${target} json_value_init_object json_value_init_array json_object_dotset_string
-                      json_object_dotset_number json_serialize_to_string json_array_append_value)
+# kt_json_faults(TARGET): the calls by which JSON values are built and written can be made to fail.
+function(kt_json_faults target)
+    target_sources(${target} PRIVATE ${KT_TEST_DOUBLES}/json_fault.cpp)
+    kt_wrap(${target} json_value_init_object json_value_init_array json_object_dotset_number
+                      json_object_dotset_string json_object_dotset_boolean
+                      json_object_dotset_value json_object_set_value json_array_append_value
+                      json_array_append_number json_serialize_to_string)
 endfunction()
 
 # kt_fake_sleep(TARGET): nanosleep() returns at once and is recorded.

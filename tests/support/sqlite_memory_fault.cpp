@@ -1,30 +1,21 @@
 #include "sqlite_memory_fault.h"
 
+#include "fault_countdown.h"
+
 #include <cstdlib>
 #include <sqlite3.h>
 
 namespace {
 
 sqlite3_mem_methods original;
-int countdown = 0;
-bool stays = false;
-bool failed = false;
-
-bool fails_now() {
-    if (countdown == 0 || --countdown > 0) {
-        return false;
-    }
-    countdown = stays ? 1 : 0;
-    failed = true;
-    return true;
-}
+fault_countdown countdown;
 
 void *allocate(int size) {
-    return fails_now() ? nullptr : original.xMalloc(size);
+    return countdown.fails_now() ? nullptr : original.xMalloc(size);
 }
 
 void *reallocate(void *memory, int size) {
-    return fails_now() ? nullptr : original.xRealloc(memory, size);
+    return countdown.fails_now() ? nullptr : original.xRealloc(memory, size);
 }
 
 /** SQLite takes other memory methods only before its first use. */
@@ -44,12 +35,9 @@ const bool installed = [] {
 } // namespace
 
 void sqlite_memory_fault::arm(int nth, bool lasting) {
-    countdown = nth;
-    stays = lasting;
-    failed = false;
+    countdown.arm(nth, lasting);
 }
 
 bool sqlite_memory_fault::disarm() {
-    countdown = 0;
-    return failed;
+    return countdown.disarm();
 }

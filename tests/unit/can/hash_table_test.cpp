@@ -1,5 +1,5 @@
+#include "allocation_fault.h"
 #include "can/hash_table.h"
-#include "can_heap.h"
 #include "can_port_fixture.h"
 
 #include <gtest/gtest.h>
@@ -78,9 +78,9 @@ TEST_F(hash_table_chains, free_empties_every_bucket) {
 TEST_F(hash_table_chains, out_of_memory_is_logged_and_leaves_the_frame_unreachable) {
     hash_table_insert(5, &a, table);
     const std::string errors = can_errors_of([&] {
-        can_heap_fail_nth(0);
+        allocation_fault::arm(1);
         hash_table_insert(5, &b, table);
-        EXPECT_TRUE(can_heap_stop());
+        EXPECT_TRUE(allocation_fault::disarm());
     });
     EXPECT_EQ(errors, can_error("hash_table_insert", "hash node malloc fail\n"));
     EXPECT_EQ(hash_table_find(table, 5), &a);

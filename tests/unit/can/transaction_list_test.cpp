@@ -1,5 +1,5 @@
+#include "allocation_fault.h"
 #include "can/transaction_list.h"
-#include "can_heap.h"
 #include "can_port_fixture.h"
 
 #include <cstdio>
@@ -331,16 +331,17 @@ TEST_F(transaction_list, names_the_record_that_memory_does_not_suffice_for) {
                                                "function_block_info == NULL\n"};
     can_proprietary_device_status_init(1);
     module.configuration = devices;
-    for (uint32_t n = 0; n < messages.size(); n++) {
-        SCOPED_TRACE(n);
+    int nth = 0;
+    for (const std::string &message : messages) {
+        SCOPED_TRACE(++nth);
         int result = 0;
         const std::string errors = can_errors_of([&] {
-            can_heap_fail_nth(n);
+            allocation_fault::arm(nth);
             result = can_proprietary_transaction_list_init(&module, 1000);
-            EXPECT_TRUE(can_heap_stop());
+            EXPECT_TRUE(allocation_fault::disarm());
         });
         EXPECT_EQ(result, -1);
-        EXPECT_EQ(errors, can_error("can_proprietary_transaction_list_init", messages[n]));
+        EXPECT_EQ(errors, can_error("can_proprietary_transaction_list_init", message));
         can_proprietary_transaction_list_free(&module);
         free(std::exchange(module.bootup_request, nullptr));
         can_proprietary_device_status_release();
@@ -357,15 +358,15 @@ TEST_F(transaction_list, survives_the_failure_of_any_allocation) {
     can_add_consume(device("other"), "c", 0x13)->consumeToutEnable = 1;
     module.configuration = devices;
     bool reached = true;
-    uint32_t n = 0;
-    for (; reached; n++) {
-        SCOPED_TRACE(n);
+    int nth = 1;
+    for (; reached; nth++) {
+        SCOPED_TRACE(nth);
         int result = 0;
         const std::string errors = can_errors_of([&] {
             can_proprietary_device_status_init(2);
-            can_heap_fail_nth(n);
+            allocation_fault::arm(nth);
             result = can_proprietary_transaction_list_init(&module, 1000);
-            reached = can_heap_stop();
+            reached = allocation_fault::disarm();
         });
         EXPECT_EQ(result, reached ? -1 : 0);
         EXPECT_EQ(errors.empty(), !reached);
@@ -377,7 +378,7 @@ TEST_F(transaction_list, survives_the_failure_of_any_allocation) {
         can_proprietary_device_status_release();
         EXPECT_EQ(can_dx_tag_count(), 0U);
     }
-    EXPECT_GT(n, 50U);
+    EXPECT_GT(nth, 50);
 }
 
 } // namespace

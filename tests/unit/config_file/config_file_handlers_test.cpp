@@ -1,9 +1,9 @@
 #include "allocation_fault.h"
 #include "config/config_fixture.h"
+#include "json_fault.h"
 #include "multipart_fault.h"
 #include "rest/fake_rest.h"
 #include "rest/handlers.h"
-#include "rest/json_fault.h"
 
 namespace {
 

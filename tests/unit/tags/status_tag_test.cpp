@@ -1,6 +1,6 @@
+#include "allocation_fault.h"
 #include "can_capture.h"
 #include "can_dx_fake.h"
-#include "can_heap.h"
 #include "can_journal.h"
 #include "tags/status_tag.h"
 #include "tags/tag.h"
@@ -195,10 +195,10 @@ TEST_F(status_tags, are_destroyed_with_the_table_which_may_be_made_again) {
 }
 
 TEST_F(status_tags, are_missing_where_memory_does_not_suffice_for_the_table) {
-    for (const uint32_t n : {0U, 1U}) {
-        can_heap_fail_nth(n);
+    for (const int nth : {1, 2}) {
+        allocation_fault::arm(nth);
         can_proprietary_device_status_init(2);
-        EXPECT_TRUE(can_heap_stop());
+        EXPECT_TRUE(allocation_fault::disarm());
         (void)can_errors_of([&] { EXPECT_EQ(create("a"), -1); });
         EXPECT_EQ(error_of(0), message("dx tag is NULL"));
         EXPECT_EQ(error_of(1), message("device_index: 1 greater than 0\n"));

@@ -145,35 +145,26 @@ TEST_F(recorder_failure, failed_start_renumbers_the_rows_and_one_of_an_invalid_p
 
 TEST_F(recorder_failure, json_value_that_cannot_be_made_is_logged) {
     start();
-    parson_fault::arm(parson_fault::call::init_object);
+    json_fault::arm("init_object");
     EXPECT_THAT(failing_record(-7), ElementsAre(message("init fail(-7)")));
     EXPECT_EQ(json() + csv(), csv_header);
 }
 
 TEST_F(recorder_failure, each_member_that_cannot_be_set_is_logged) {
     start();
-    int failures = 0;
-    for (const auto kind : {parson_fault::call::set_string, parson_fault::call::set_number}) {
-        for (int nth = 1;; nth++, failures++) {
-            parson_fault::arm(kind, nth);
-            int result = 7;
-            const messages logged = messages_of([&result] { result = record(); });
-            if (!parson_fault::disarm()) {
-                EXPECT_EQ(result, 0);
-                break;
-            }
-            EXPECT_EQ(result, -6);
-            EXPECT_THAT(logged, ElementsAre(message("json fail(-6)")));
-        }
+    for (const char *member : {"time", "direction", "canId", "RTR", "dataLength", "data"}) {
+        json_fault::arm(member);
+        EXPECT_THAT(failing_record(-6), ElementsAre(message("json fail(-6)"))) << member;
+        EXPECT_TRUE(json_fault::disarm()) << member;
     }
-    EXPECT_EQ(failures, 6);
-    const std::string lines = json();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 2);
+    EXPECT_EQ(json(), "");
+    EXPECT_EQ(record(), 0);
+    EXPECT_NE(json(), "");
 }
 
 TEST_F(recorder_failure, text_that_cannot_be_made_is_logged) {
     start();
-    parson_fault::arm(parson_fault::call::serialize);
+    json_fault::arm("serialize");
     EXPECT_THAT(failing_record(-6), ElementsAre(message("json_serialize_to_string fail")));
     EXPECT_EQ(json() + csv(), csv_header);
 }
@@ -258,10 +249,10 @@ TEST_F(recorder_failure, log_of_a_port_that_never_recorded_fails) {
 
 TEST_F(recorder_failure, log_without_memory_fails) {
     start();
-    parson_fault::arm(parson_fault::call::init_array);
+    json_fault::arm("init_array");
     EXPECT_THAT(failing_log(-7), IsEmpty());
     EXPECT_EQ(record(), 0);
-    parson_fault::arm(parson_fault::call::append_value);
+    json_fault::arm("append");
     EXPECT_THAT(failing_log(-6), IsEmpty());
 }
 

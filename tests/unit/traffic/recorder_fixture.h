@@ -5,8 +5,8 @@
 #include "core/log.h"
 #include "fake_clock.h"
 #include "fake_semaphore.h"
+#include "json_fault.h"
 #include "mutex_fault.h"
-#include "parson_fault.h"
 #include "platform/scratch_folder.h"
 #include "traffic/recorder.h"
 

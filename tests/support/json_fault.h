@@ -1,6 +1,8 @@
 #ifndef KT_TESTS_JSON_FAULT_H
 #define KT_TESTS_JSON_FAULT_H
 
+#include "fault_countdown.h"
+
 #include <string>
 
 /* Failing calls of the JSON library that build values or write them as text. One thread. */
@@ -17,21 +19,10 @@ void arm(const std::string &name, int nth = 1);
 /** @return whether a call has failed since arm() */
 bool disarm();
 
-/**
- * Call attempt() with the first call failing, then with the second, until none is left.
- * @param check  called with the result and the number of the failed call
- * @return number of calls that were made to fail
- */
+/** As sweep_faults(). @return number of calls that were made to fail */
 template <typename Attempt, typename Check>
 int sweep(Attempt attempt, Check check) {
-    for (int nth = 1;; nth++) {
-        arm(nth);
-        const auto result = attempt();
-        if (!disarm()) {
-            return nth - 1;
-        }
-        check(result, nth);
-    }
+    return sweep_faults(arm, disarm, attempt, check);
 }
 
 } // namespace json_fault

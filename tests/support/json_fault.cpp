@@ -7,16 +7,11 @@
 namespace {
 
 std::string wanted; // any call that builds something when empty
-int countdown = 0;
-bool failed = false;
+fault_countdown countdown;
 
 bool fails_now(const char *name) {
     const bool is_wanted = wanted.empty() ? strcmp(name, "serialize") != 0 : wanted == name;
-    if (countdown == 0 || !is_wanted || --countdown > 0) {
-        return false;
-    }
-    failed = true;
-    return true;
+    return is_wanted && countdown.fails_now();
 }
 
 } // namespace
@@ -27,13 +22,11 @@ void json_fault::arm(int nth) {
 
 void json_fault::arm(const std::string &name, int nth) {
     wanted = name;
-    countdown = nth;
-    failed = false;
+    countdown.arm(nth);
 }
 
 bool json_fault::disarm() {
-    countdown = 0;
-    return failed;
+    return countdown.disarm();
 }
 
 extern "C" {
