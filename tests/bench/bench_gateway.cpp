@@ -1,49 +1,14 @@
 #include "bench_gateway.h"
 
 #include "config/database_files.h"
-#include "core/state.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <unistd.h>
-
-namespace {
-
-std::string make_root() {
-    const char *folder = getenv("TMPDIR");
-    if (folder == nullptr) {
-        folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    }
-    std::string name = std::string(folder) + "/kt-bench-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        give_up("no scratch folder " + name);
-    }
-    return name;
-}
-
-} // namespace
 
 void give_up(const std::string &what) {
     (void)fprintf(stderr, "%s\n", what.c_str());
     exit(1);
-}
-
-bench_gateway::bench_gateway() : root_(make_root()) {
-    (void)setenv("KT_ROOT", root_.c_str(), 1);
-    g_can_port_count = 2;
-    const std::filesystem::path schema(shipped_schema_path());
-    std::filesystem::create_directories(schema.parent_path());
-    std::filesystem::copy_file(KT_SCHEMA_FILE, schema);
-    if (can_proprietary_db_init_user_config() != 0) {
-        give_up("the databases cannot be prepared");
-    }
-}
-
-bench_gateway::~bench_gateway() {
-    std::error_code ignored; // the numbers are out
-    std::filesystem::remove_all(root_, ignored);
 }
 
 void bench_gateway::execute(const std::string &sql) {

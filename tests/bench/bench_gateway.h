@@ -1,6 +1,8 @@
 #ifndef KT_TESTS_BENCH_GATEWAY_H
 #define KT_TESTS_BENCH_GATEWAY_H
 
+#include "gateway_folder.h"
+
 #include <sqlite3.h>
 #include <string>
 #include <string_view>
@@ -8,24 +10,16 @@
 /** End the program with a message: a number from a failed run would be worth nothing. */
 [[noreturn]] void give_up(const std::string &what);
 
-/**
- * A started gateway with two ports and no devices, its files below a folder in memory, as the
- * working copy is in service. The folder goes with the object.
- */
+/** A started gateway with two ports and no devices. */
 class bench_gateway {
 public:
-    bench_gateway();
-    ~bench_gateway();
-    bench_gateway(const bench_gateway &) = delete;
-    bench_gateway &operator=(const bench_gateway &) = delete;
-
-    [[nodiscard]] std::string path(const char *name) const { return root_ + "/" + name; }
+    [[nodiscard]] std::string path(const char *name) const { return folder_.path(name); }
 
     /** Execute statements on the working copy through a connection of their own. */
     static void execute(const std::string &sql);
 
 private:
-    std::string root_;
+    gateway_folder folder_{"kt-bench"};
 };
 
 /** A connection with the settings that the service gives its own. */

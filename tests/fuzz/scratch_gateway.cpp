@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -36,20 +35,6 @@ constexpr const char *first_rows =
     "1,1,0,0,speed,6,2,wo,0,00FF,0,,,,,,,,,\n2,2,0,0,load,6,2,ro,0,,2,,,0,100,0,1,,,\n"
     "3,3,1,0,,,,,,,,,,,,,,code,2,40A0\n4,4,0,4,value,7,4,ro,1,,0,,,,,,,,,\n";
 
-/** Memory where there is such a folder: what is fuzzed opens a database in every run. */
-std::string make_root() {
-    const char *folder = getenv("TMPDIR");
-    if (folder == nullptr) {
-        folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    }
-    std::string name = std::string(folder) + "/kt-fuzz-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        perror(name.c_str());
-        exit(2);
-    }
-    return name;
-}
-
 void silence_the_log() {
     FILE *nowhere = fopen("/dev/null", "we");
     if (nowhere != nullptr) {
@@ -77,14 +62,9 @@ std::string content_of(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-scratch_gateway::scratch_gateway() : root_(make_root()), input_path_(path("input")) {
-    (void)setenv("KT_ROOT", root_.c_str(), 1);
-    g_can_port_count = 2;
-    const std::filesystem::path schema(shipped_schema_path());
-    std::filesystem::create_directories(schema.parent_path());
-    std::filesystem::copy_file(KT_SCHEMA_FILE, schema);
+scratch_gateway::scratch_gateway() : input_path_(path("input")) {
     input_ = open(input_path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    KT_ALWAYS(input_ >= 0 && can_proprietary_db_init_user_config() == 0);
+    KT_ALWAYS(input_ >= 0);
     conf_import_error err{};
     const std::string_view rows(first_rows);
     const char *file = file_with(reinterpret_cast<const uint8_t *>(rows.data()), rows.size());
@@ -97,8 +77,6 @@ scratch_gateway::scratch_gateway() : root_(make_root()), input_path_(path("input
 }
 
 scratch_gateway::~scratch_gateway() {
-    std::error_code ignored; // nothing is left to tell it to
-    std::filesystem::remove_all(root_, ignored);
     (void)close(input_);
     (void)close(working_copy_);
 }

@@ -1,6 +1,8 @@
 #ifndef KT_TESTS_SCRATCH_GATEWAY_H
 #define KT_TESTS_SCRATCH_GATEWAY_H
 
+#include "gateway_folder.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -19,8 +21,8 @@
 [[noreturn]] void finding(const char *condition, const char *file, int line);
 
 /**
- * A gateway with two ports, a device tree and its files below a folder in memory, which goes when
- * the program ends. Log lines are formatted and thrown away. One for each program.
+ * A gateway with two ports and a device tree. Log lines are formatted and thrown away. One for each
+ * program.
  */
 class scratch_gateway {
 public:
@@ -33,7 +35,7 @@ public:
     const char *file_with(const uint8_t *data, size_t size);
 
     /** Path for a file that the code under test writes. */
-    [[nodiscard]] std::string path(const char *name) const { return root_ + "/" + name; }
+    [[nodiscard]] std::string path(const char *name) const { return folder_.path(name); }
 
     /** The working copy is, byte by byte, what it was at first. */
     [[nodiscard]] bool is_untouched() const;
@@ -47,7 +49,7 @@ public:
 private:
     void remember();
 
-    std::string root_;
+    gateway_folder folder_{"kt-fuzz"};
     std::string input_path_;
     int input_ = -1;
     int working_copy_ = -1; /* stays open: closing it would drop a connection's locks */
