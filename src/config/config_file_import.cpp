@@ -116,7 +116,7 @@ bool is_hexadecimal(std::string_view text) {
 /** What may stand in a number column: one number, which no operator makes another one. */
 bool is_number_like(std::string_view text, bool hexadecimal) {
     char before = '\0';
-    for (const char c : text.substr(std::min(text.find_first_not_of(" \t"), text.size()))) {
+    for (const char c : text) {
         const bool is_sign = c == '+' || c == '-';
         const bool may_be_signed =
             before == '\0' || (!hexadecimal && (before == 'e' || before == 'E'));
@@ -159,8 +159,10 @@ int refused(const row_reading &row, const char *message) {
 }
 
 /** Such a value fails with its row, as it would if SQL saw it: what else is wrong is said first. */
-void refuse_unless_number_like(row_reading *row, std::string_view field, bool hexadecimal) {
-    if (!is_number_like(field, hexadecimal)) {
+void refuse_unless_number_like(row_reading *row, std::string_view field, column_kind kind) {
+    field.remove_prefix(std::min(field.find_first_not_of(" \t"), field.size()));
+    // A CAN identifier without its prefix is hexadecimal too: 6E+02 would be a sum.
+    if (!is_number_like(field, kind == column_kind::CAN_ID || is_hexadecimal(field))) {
         row->refusal = "unrecognized token";
     }
 }
@@ -190,11 +192,11 @@ int append_value(row_reading *row, const column &column, std::string_view field,
         row->sql.append("'").append(field).append("'");
         return 0;
     case column_kind::CAN_ID:
-        refuse_unless_number_like(row, field, true); // else 6E+02 would be a sum
+        refuse_unless_number_like(row, field, column.kind);
         append_can_id(&row->sql, field);
         return 0;
     default:
-        refuse_unless_number_like(row, field, is_hexadecimal(field));
+        refuse_unless_number_like(row, field, column.kind);
         row->sql.append(field);
         return 0;
     }

@@ -9,21 +9,16 @@ TARGET = block_tag("drive", "command", "target")
 FAULT_BYTES = {FAULT_ZERO: "0000", FAULT_VALUE: "CDAB"}
 
 
+def start_with_a_command(gateway, **columns) -> None:
+    """The service with one device whose only transaction sends the tag."""
+    sent = frame(0x201, 2, tag("target", U16, access="wo", fpData="CDAB"))
+    gateway.configure(device("drive", produce("command", sent, **columns)))
+    gateway.start()
+
+
 @pytest.mark.parametrize("function", FAULT_BYTES)
 def test_an_on_change_frame_carries_the_fault_value_and_recovers(gateway, bus, tags, function):
-    gateway.configure(
-        device(
-            "drive",
-            produce(
-                "command",
-                frame(0x201, 2, tag("target", U16, access="wo", fpData="CDAB")),
-                trigger=ON_CHANGE,
-                fpFunc=function,
-                fpTimeout=600,
-            ),
-        )
-    )
-    gateway.start()
+    start_with_a_command(gateway, trigger=ON_CHANGE, fpFunc=function, fpTimeout=600)
     node = bus()
     tags.set(TARGET, 0x1234)
     node.expect(0x201, "3412")
@@ -38,19 +33,7 @@ def test_an_on_change_frame_carries_the_fault_value_and_recovers(gateway, bus, t
 
 @pytest.mark.parametrize("function", FAULT_BYTES)
 def test_a_cyclic_frame_carries_the_fault_value_and_recovers(gateway, bus, tags, function):
-    gateway.configure(
-        device(
-            "drive",
-            produce(
-                "command",
-                frame(0x201, 2, tag("target", U16, access="wo", fpData="CDAB")),
-                interval=50,
-                fpFunc=function,
-                fpTimeout=600,
-            ),
-        )
-    )
-    gateway.start()
+    start_with_a_command(gateway, interval=50, fpFunc=function, fpTimeout=600)
     node = bus()
     tags.set(TARGET, 0x1234)
     node.expect(0x201, "3412")
@@ -60,19 +43,7 @@ def test_a_cyclic_frame_carries_the_fault_value_and_recovers(gateway, bus, tags,
 
 
 def test_a_value_that_is_written_again_in_time_stays(gateway, bus, tags):
-    gateway.configure(
-        device(
-            "drive",
-            produce(
-                "command",
-                frame(0x201, 2, tag("target", U16, access="wo")),
-                trigger=ON_CHANGE,
-                fpFunc=FAULT_ZERO,
-                fpTimeout=1500,
-            ),
-        )
-    )
-    gateway.start()
+    start_with_a_command(gateway, trigger=ON_CHANGE, fpFunc=FAULT_ZERO, fpTimeout=1500)
     node = bus()
     tags.set(TARGET, 0x1234)
     node.expect(0x201, "3412")
@@ -83,18 +54,7 @@ def test_a_value_that_is_written_again_in_time_stays(gateway, bus, tags):
 
 
 def test_without_fault_protection_a_value_stays(gateway, bus, tags):
-    gateway.configure(
-        device(
-            "drive",
-            produce(
-                "command",
-                frame(0x201, 2, tag("target", U16, access="wo", fpData="CDAB")),
-                interval=100,
-                fpTimeout=100,
-            ),
-        )
-    )
-    gateway.start()
+    start_with_a_command(gateway, interval=100, fpTimeout=100)
     node = bus()
     tags.set(TARGET, 0x1234)
     node.expect(0x201, "3412")

@@ -1,4 +1,5 @@
 #include "config/config_file.h"
+#include "raised_keys.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -20,15 +21,6 @@ void expect_classified(const classification &row) {
     EXPECT_EQ(err.column_name, row.column_name) << row.message;
 }
 
-constexpr const char *raised[] = {"missing-necessary-parameter",
-                                  "column-name-failed",
-                                  "duplicate-name",
-                                  "invalid-name",
-                                  "syntax-err",
-                                  "invalid-val",
-                                  "tagsize-exceeds-limit",
-                                  "invalid-frame"};
-
 TEST(import_error, no_message_is_a_syntax_error) {
     conf_import_error err{};
     classify_import_error(&err, nullptr, "device.");
@@ -37,7 +29,7 @@ TEST(import_error, no_message_is_a_syntax_error) {
 }
 
 TEST(import_error, a_key_that_a_trigger_raises_is_the_key) {
-    for (const std::string key : raised) {
+    for (const std::string key : raised_keys) {
         expect_classified({key, "device.", key.c_str(), ""});
         expect_classified({"Error: " + key + " in there", "device.", key.c_str(), ""});
         expect_classified({key + "x", "device.", key.c_str(), ""});
@@ -45,7 +37,7 @@ TEST(import_error, a_key_that_a_trigger_raises_is_the_key) {
 }
 
 TEST(import_error, the_text_behind_a_raised_key_is_the_column) {
-    for (const std::string key : raised) {
+    for (const std::string key : raised_keys) {
         expect_classified({key + ":deviceName", "device.", key.c_str(), "deviceName"});
         expect_classified({"x " + key + ":a b:c", "device.", key.c_str(), "a b:c"});
         expect_classified({key + ": b", "device.", key.c_str(), " b"});
@@ -58,9 +50,9 @@ TEST(import_error, the_text_behind_a_raised_key_is_the_column) {
 }
 
 TEST(import_error, of_two_raised_keys_the_earlier_of_the_list_wins) {
-    for (size_t i = 0; i + 1 < std::size(raised); i++) {
-        const std::string early = raised[i];
-        const std::string late = raised[i + 1];
+    for (size_t i = 0; i + 1 < std::size(raised_keys); i++) {
+        const std::string early = raised_keys[i];
+        const std::string late = raised_keys[i + 1];
         expect_classified({late + ":x " + early + ":y", "device.", early.c_str(), "y"});
     }
 }

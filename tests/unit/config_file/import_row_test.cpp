@@ -1,4 +1,5 @@
 #include "import_fixture.h"
+#include "raised_keys.h"
 
 namespace {
 
@@ -497,15 +498,7 @@ TEST_F(import_row, the_largest_keys_and_values) {
 }
 
 TEST_F(import_row, keys_that_a_trigger_raises_come_with_their_column) {
-    const char *keys[] = {"missing-necessary-parameter",
-                          "column-name-failed",
-                          "duplicate-name",
-                          "invalid-name",
-                          "syntax-err",
-                          "invalid-val",
-                          "tagsize-exceeds-limit",
-                          "invalid-frame"};
-    for (const std::string key : keys) {
+    for (const std::string key : raised_keys) {
         for (const char *column : {"", "deviceName"}) {
             const std::string raised = key + (*column == '\0' ? "" : ":") + column;
             execute(working_db_path(),

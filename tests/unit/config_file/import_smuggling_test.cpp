@@ -88,6 +88,9 @@ TEST_F(import_smuggling, what_a_number_column_says_of_a_value_that_is_none) {
     file.section[1] = "1,(SELECT 1),drive\n";
     EXPECT_THAT(refused(file, "syntax-err", "device", 1),
                 ElementsAre(insert_message(readers[1], 1, "unrecognized token")));
+    file.section[1] = "1, 0x1e+2,drive\n"; // a sum, blank or not
+    EXPECT_THAT(refused(file, "syntax-err", "device", 1),
+                ElementsAre(insert_message(readers[1], 1, "unrecognized token")));
     file.section[1] = "attach,1,drive\n";
     EXPECT_THAT(refused(file, "syntax-err", "device", 1),
                 ElementsAre(insert_message(readers[1], 1, "no such column: attach")));
