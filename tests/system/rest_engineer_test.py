@@ -19,6 +19,8 @@ from kt_system.rows import F32, I16, U8, U16, U32
 from kt_system.tags import COMMUNICATING, block_tag, status_tag
 
 STATE, COMMAND, POLL, REPLY = 0x181, 0x201, 0x18FF0001, 0x18FF0002
+SPEED = block_tag("conveyor-drive", "state", "speed")
+TEMPERATURE = block_tag("hall-climate", "poll", "temperature")
 
 
 @pytest.fixture
@@ -50,10 +52,7 @@ def curl(rest, tmp_path):
     return run
 
 
-def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags, candump, tmp_path):
-    gateway.start()
-
-    # What is there? Two ports, nothing on them.
+def expect_an_empty_gateway(curl):
     assert curl("GET", "/overview") == (
         200,
         {
@@ -63,11 +62,10 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
             }
         },
     )
-    assert tags.names() == set()
 
-    rest.wait_next_second()  # so that config-change sees what follows
 
-    # The sensor's bus runs at another rate and with 29-bit identifiers.
+def set_the_sensors_port(curl):
+    """Another rate, and 29-bit identifiers."""
     port = {
         "frameFormat": 1,
         "baudrate": 5,
@@ -77,7 +75,9 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
     }
     assert curl("PATCH", "/interface/2", port) == (200, {"data": port})
 
-    # The drive, in one request: it reports state cyclically and takes commands.
+
+def enter_the_drive(curl) -> int:
+    """In one request: it reports state cyclically and takes commands. Returns its id."""
     drive = {
         "portId": 1,
         "deviceName": "conveyor-drive",
@@ -108,9 +108,11 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
     }
     status, answer = curl("POST", "/device", drive)
     assert status == 201
-    drive_id = answer["data"]["deviceId"]
+    return answer["data"]["deviceId"]
 
-    # The sensor step by step: device, transaction with request and reply; a typing error on the way.
+
+def enter_the_sensor(curl) -> tuple[int, int, dict]:
+    """Step by step: device, then transaction with request and reply; a typing error on the way."""
     status, answer = curl("POST", "/device", {"portId": 2, "deviceName": "climate"})
     assert status == 201
     sensor_id = answer["data"]["deviceId"]
@@ -128,9 +130,11 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
     poll["frameList"][1]["dataLength"] = 4
     status, answer = curl("POST", "/transaction", {**poll, "deviceId": sensor_id})
     assert status == 201
-    poll_id = answer["data"]["transactionId"]
+    return sensor_id, answer["data"]["transactionId"], poll
 
-    # A look at what was entered, a correction, and nothing on the bus yet.
+
+def correct_the_sensor(curl, sensor_id: int, poll_id: int, poll: dict):
+    """A look at what was entered, and a correction."""
     status, answer = curl("GET", f"/device?deviceId={sensor_id}")
     assert status == 200 and len(answer["data"]["transactionList"][0]["frameList"]) == 2
     assert curl("PATCH", f"/device/{sensor_id}", {"deviceName": "hall-climate"})[0] == 200
@@ -149,37 +153,18 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
             ]
         },
     )
-    assert curl("GET", "/config-change") == (200, {"data": {"result": 1}})
-    assert tags.names() == set()
 
-    # A copy for the drawer, then on the bus with it.
-    status, backup = curl("GET", "/config-file")
-    assert status == 200 and b"hall-climate" in backup
-    watcher = candump(lane.PORTS[0])
-    assert curl("POST", "/action", {"option": 0}) == (201, {"data": {"response": "success"}})
-    speed = block_tag("conveyor-drive", "state", "speed")
-    temperature = block_tag("hall-climate", "poll", "temperature")
-    wait_until(lambda: {speed, temperature} <= tags.names(), 4.0, "the tags")
-    assert curl("GET", "/config-change") == (200, {"data": {"result": 0}})
-    gateway.wait_ready()
 
-    # The drive speaks: 0x0123 swapped, 12 times 10 less 5, no fault.
+def expect_the_drives_state(bus, tags):
+    """0x0123 swapped, 12 times 10 less 5, no fault."""
     bus(lane.PORTS[0]).send(STATE, "01230C0000000000")
-    tags.wait_for(speed, 0x0123)
+    tags.wait_for(SPEED, 0x0123)
     tags.wait_for(block_tag("conveyor-drive", "state", "torque"), 115)
     tags.wait_for(status_tag("conveyor-drive"), COMMUNICATING)
 
-    # Another application commands it.
-    tags.set(block_tag("conveyor-drive", "command", "target"), 0x12345678)
-    watcher.wait_frame(f"{COMMAND:03X}#785634120000005A")
 
-    # The sensor is asked every 50 ms and answers 21.5 degrees.
-    sensor = bus(lane.PORTS[1])
-    assert sensor.expect(POLL, "01").is_extended_id
-    sensor.send(REPLY, "0000AC41", extended=True)
-    tags.wait_for(temperature, 21.5)
-
-    # Is all well? Recording on, a frame, off, the log in a file.
+def record_a_frame(curl, bus, tags):
+    """Is all well? Recording on, a frame, off, the log in a file."""
     status, answer = curl("GET", "/diagnose?portId=1")
     assert status == 200 and answer["data"]["state"] == "Normal" and answer["data"]["rxCount"] >= 1
     assert curl("POST", "/traffic/1", {"option": 1})[0] == 201
@@ -190,12 +175,8 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
     status, log = curl("GET", "/traffic-export/1")
     assert status == 200 and b'"0x"181,Data frame,8,"00 00 00 00 00 00 00 01"' in log
 
-    # A second thought, taken back.
-    assert curl("DELETE", f"/device/{drive_id}") == (204, b"")
-    assert curl("POST", "/action", {"option": 1})[0] == 201
-    assert curl("GET", f"/device?deviceId={drive_id}")[0] == 200
 
-    # The drawer's copy goes back in and is what runs.
+def restore_the_copy(curl, backup: bytes, tmp_path):
     (tmp_path / "backup.csv").write_bytes(backup)
     upload = ("--form", f"file=@{tmp_path / 'backup.csv'}")
     assert curl("POST", "/config-file", None, *upload) == (201, {"data": {"response": "success"}})
@@ -204,4 +185,48 @@ def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags,
     assert [line for line in again.splitlines() if b"torque" not in line] == [
         line for line in backup.splitlines() if b"torque" not in line
     ]
+
+
+def test_from_an_empty_gateway_to_values_on_tags(gateway, rest, curl, bus, tags, candump, tmp_path):
+    gateway.start()
+    expect_an_empty_gateway(curl)
+    assert tags.names() == set()
+
+    rest.wait_next_second()  # so that config-change sees what follows
+    set_the_sensors_port(curl)
+    drive_id = enter_the_drive(curl)
+    correct_the_sensor(curl, *enter_the_sensor(curl))
+    assert curl("GET", "/config-change") == (200, {"data": {"result": 1}})
+    assert tags.names() == set()  # nothing is on the bus yet
+
+    # A copy for the drawer, then on the bus with it.
+    status, backup = curl("GET", "/config-file")
+    assert status == 200 and b"hall-climate" in backup
+    watcher = candump(lane.PORTS[0])
+    assert curl("POST", "/action", {"option": 0}) == (201, {"data": {"response": "success"}})
+    wait_until(lambda: {SPEED, TEMPERATURE} <= tags.names(), 4.0, "the tags")
+    assert curl("GET", "/config-change") == (200, {"data": {"result": 0}})
+    gateway.wait_ready()
+
+    expect_the_drives_state(bus, tags)
+
+    # Another application commands it.
+    tags.set(block_tag("conveyor-drive", "command", "target"), 0x12345678)
+    watcher.wait_frame(f"{COMMAND:03X}#785634120000005A")
+
+    # The sensor is asked every 50 ms and answers 21.5 degrees.
+    sensor = bus(lane.PORTS[1])
+    assert sensor.expect(POLL, "01").is_extended_id
+    sensor.send(REPLY, "0000AC41", extended=True)
+    tags.wait_for(TEMPERATURE, 21.5)
+
+    record_a_frame(curl, bus, tags)
+
+    # A second thought, taken back.
+    assert curl("DELETE", f"/device/{drive_id}") == (204, b"")
+    assert curl("POST", "/action", {"option": 1})[0] == 201
+    assert curl("GET", f"/device?deviceId={drive_id}")[0] == 200
+
+    # The drawer's copy goes back in and is what runs.
+    restore_the_copy(curl, backup, tmp_path)
     assert gateway.running()
