@@ -5,6 +5,7 @@
 #include "core/guards.h"
 #include "core/log.h"
 #include "core/state.h"
+#include "core/usage.h"
 #include "device/diag.h"
 #include "device/event.h"
 #include "device/led.h"
@@ -132,7 +133,10 @@ void run_pass() {
 
 } // namespace
 
-int main() {
+int main(int argc, char **argv) {
+    if (const int status = answer_usage(argc, argv); status >= 0) {
+        return status;
+    }
     // What is said there is said when it happens, to a file as to a terminal.
     (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     route_signals();

@@ -28,7 +28,11 @@ struct fake_service {
 
 extern fake_service *g_fake_service;
 
-/** The service entry. */
-int service_main();
+int service_main(int argc, char **argv);
+
+/** The service entry, without arguments. */
+inline int service_main() {
+    return service_main(0, nullptr);
+}
 
 #endif
