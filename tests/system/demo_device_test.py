@@ -1,10 +1,12 @@
 """The demonstration device, as its README describes it."""
 
+import json
 import subprocess
 
 import pytest
 
 from kt_system import lane
+from kt_system.processes import LineReader
 from kt_system.rows import BOOTUP, U16, U8, consume, constant, device, frame, request, tag
 from kt_system.tags import block_tag
 
@@ -73,6 +75,23 @@ def test_the_legacy_node_asks_for_its_setpoint_and_acknowledges(demo_device, bus
     lane.wait_until(lambda: unit.lines[1:] == said, 5.0, "both lines")
 
 
+def test_what_it_does_as_json(bus):
+    node = bus()
+    command = [lane.program("kt-demo-device"), "--port", "can0", "--json"]
+    with LineReader([*command, "--node", "legacy", "--node", "drive"]) as unit:
+        unit.wait_line('"event":"ready"')
+        node.send(0x331, "0700")
+        node.expect(0x3A1)
+        node.send(0x601, "40")
+        node.expect(0x581)
+        lane.wait_until(lambda: len(unit.lines) == 3, 5.0, "three lines")
+    assert [json.loads(line) for line in unit.lines] == [
+        {"port": "can0", "nodes": ["legacy", "drive"], "event": "ready"},
+        {"port": "can0", "node": "legacy", "event": "command", "value": 7},
+        {"port": "can0", "node": "drive", "event": "identified"},
+    ]
+
+
 def test_extended_identifiers(demo_device, bus):
     demo_device("can0", "--extended")
     node = bus()
@@ -131,8 +150,11 @@ def test_a_script_sends_switches_faults_and_exits(demo_device, bus, tmp_path):
         ([], 2, "--port is missing"),
         (["--port", "can0", "--node", "nobody"], 2, "no such node: nobody"),
         (["--port", "nocan"], 1, "nocan: no such interface"),
-        (["--port", "can0", "--late", "soon"], 2, "--late: no time in ms: soon"),
-        (["--port", "can0", "--script", "/nonexistent"], 2, "cannot read /nonexistent"),
+        (["--port", "can0", "--late", "soon"], 2, "--late needs milliseconds, 0 to 86400000, not 'soon'"),
+        (["--port", "can0", "--interval", "0"], 2, "--interval needs milliseconds, 1 to 86400000"),
+        (["--port", "can0", "--node", "drive", "--node=drive"], 2, "--node drive is given twice"),
+        (["--port", "can0", "--script", "/nonexistent"], 2, "cannot read /nonexistent: No such"),
+        (["--port", "can0", "--script", "/"], 2, "cannot read /: Is a directory"),
     ],
 )
 def test_what_is_wrong_is_said(arguments, status, text):

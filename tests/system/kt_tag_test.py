@@ -13,66 +13,10 @@ import pytest
 from kt_system import lane
 from kt_system.lane import scaled, wait_until
 from kt_system.processes import LineReader
+from kt_system.provider import Provider
 
 NUMBERS = {"int8": 1, "int16": 2, "int32": 3, "int64": 4, "uint8": 5, "uint16": 6, "uint32": 7,
            "uint64": 8, "float": 9, "double": 10}
-
-
-class Provider:
-    """dx-test-provider: obeys lines, reports what other programs wrote."""
-
-    def __init__(self, environment, *tags):
-        self.process = subprocess.Popen(
-            [lane.program("dx-test-provider"), *tags],
-            env=environment,
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-        )
-        self.taken: list[tuple[str, str]] = []
-        self._answers: list[str] = []
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-        self._answer("ready")
-
-    def _read(self):
-        for line in self.process.stdout:
-            words = line.decode(errors="replace").rstrip("\n").split(" ")
-            if words[0] == "taken":
-                self.taken.append((" ".join(words[1:-1]), words[-1]))
-            else:
-                self._answers.append(words[0])
-
-    def _answer(self, wanted):
-        wait_until(lambda: self._answers, what=f"the provider to say {wanted}")
-        assert self._answers.pop(0) == wanted
-
-    def tell(self, line, answer="ok"):
-        self.process.stdin.write(line.encode() + b"\n")
-        self.process.stdin.flush()
-        self._answer(answer)
-
-    def write(self, name, digits):
-        self.tell(f"write {name} {digits}")
-
-    def wait_taken(self, name, digits):
-        wait_until(lambda: (name, digits) in self.taken, what=lambda: f"{name} {digits}: {self.taken}")
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.stdin.close()
-            assert self.process.wait(scaled(5)) == 0
-        if self.process.stderr.closed:
-            return
-        self._reader.join(scaled(5))
-        self.process.stdout.close()
-        errors = self.process.stderr.read().decode(errors="replace")
-        self.process.stderr.close()
-        assert not lane.sanitizer_report(errors), errors
 
 
 @pytest.fixture
@@ -133,33 +77,26 @@ def error(result) -> str:
     return result.stderr[:-1]
 
 
-def test_help_and_version(kt_tag):
-    text = kt_tag("--help").stdout
-    assert text.startswith("Usage: kt-tag list [PATTERN]\n")
-    for word in ("get", "set", "watch", "--json", "--count", "--timeout", "KT_ROOT"):
-        assert word in text
-    version = kt_tag("--version").stdout.split()
-    assert version[0] == "kt-tag" and version[1][0].isdigit()
-
-
 @pytest.mark.parametrize(
     "arguments, reason",
     [
         ([], "a command is missing"),
         (["show"], "unknown command show"),
         (["get"], "too few arguments for get"),
-        (["get", "a", "b"], "too many arguments for get"),
+        (["get", "a", "b"], "too many arguments for get: b"),
         (["set", "a"], "too few arguments for set"),
-        (["set", "a", "1", "2"], "too many arguments: 2"),
-        (["list", "a", "b"], "too many arguments for list"),
+        (["set", "a", "1", "2"], "too many arguments for set: 2"),
+        (["list", "a", "b"], "too many arguments for list: b"),
         (["list", "--colour"], "unknown option --colour"),
-        (["list", "--count", "1"], "--initial, --count and --timeout belong to watch, not to list"),
-        (["get", "a", "--initial"], "--initial, --count and --timeout belong to watch, not to get"),
-        (["watch", "--count"], "--count needs a positive number"),
-        (["watch", "--count", "0"], "--count needs a positive number"),
-        (["watch", "--count", "1x"], "--count needs a positive number"),
-        (["watch", "--timeout", "nan"], "--timeout needs a positive number"),
-        (["watch", "--timeout", "-1"], "--timeout needs a positive number"),
+        (["list", "--count", "1"], "--count is no option of list"),
+        (["get", "a", "--initial"], "--initial is no option of get"),
+        (["watch", "--count"], "--count needs a value"),
+        (["watch", "--count", "0"], "--count needs a number above 0, not '0'"),
+        (["watch", "--count=1x"], "--count needs a number above 0, not '1x'"),
+        (["watch", "--count", str(2**64)], f"--count needs a number above 0, not '{2**64}'"),
+        (["watch", "--timeout", "nan"], "--timeout needs seconds, 0 to 1000000000, not 'nan'"),
+        (["watch", "--timeout", "-1"], "--timeout needs seconds, 0 to 1000000000, not '-1'"),
+        (["watch", "--timeout", "1e10"], "--timeout needs seconds, 0 to 1000000000, not '1e10'"),
     ],
 )
 def test_wrong_use_exits_with_2(kt_tag, arguments, reason):
@@ -168,9 +105,10 @@ def test_wrong_use_exits_with_2(kt_tag, arguments, reason):
     assert result.stderr == f"kt-tag: {reason}\nTry 'kt-tag --help'.\n"
 
 
-def test_without_a_store(kt_tag):
-    assert error(kt_tag("list", status=1)) == "kt-tag: no tag store (is a provider running?)"
-    assert error(kt_tag("get", "a", status=1)) == "kt-tag: a: no tag store (is a provider running?)"
+def test_without_a_store(kt_tag, tmp_path):
+    reason = f"no tag store (is a provider running?): {tmp_path}/run/kt-dx/tags"
+    assert error(kt_tag("list", status=1)) == f"kt-tag: {reason}"
+    assert error(kt_tag("get", "a", status=1)) == f"kt-tag: a: {reason}"
     kt_tag("set", "a", "1", status=1)
     kt_tag("watch", "--timeout", "0.2", status=1)
 
@@ -413,6 +351,20 @@ def test_full_disk_is_an_error(environment, provider):
         )
     assert result.returncode == 1
     assert result.stderr == b"kt-tag: standard output: No space left on device\n"
+
+
+def test_nothing_is_printed_into_the_store(environment, provider, kt_tag):
+    """The store is opened after standard output was closed, and would get its descriptor."""
+    provider("a:6:2:ro")
+    closed = subprocess.run(
+        ["sh", "-c", '"$0" list >&-', lane.program("kt-tag")],
+        env=environment,
+        stderr=subprocess.PIPE,
+        timeout=scaled(10),
+    )
+    assert closed.returncode == 1
+    assert closed.stderr == b"kt-tag: standard output: Bad file descriptor\n"
+    assert kt_tag("get", "a").stdout == "0\n"
 
 
 def test_watch_waits_for_the_first_provider(provider, watch):

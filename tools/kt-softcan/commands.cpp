@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include "program/text.h"
 #include "world.h"
 #include "worlds.h"
 
@@ -10,18 +11,20 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
+#include <span>
 
 namespace softcan {
 namespace {
 
+using program::command_line;
+
 // Path of the world meant by --world; empty after a complaint.
-std::string take_world(arguments &words) {
-    std::string wanted;
+std::string find_world(const command_line &line) {
     std::string problem;
-    (void)take_option(words, "--world", &wanted); // there need not be one
-    std::string path = choose_world(wanted, true, &problem);
+    std::string path = choose_world(value_or_none(line, "--world"), true, &problem);
     if (path.empty()) {
-        (void)complain(0, problem);
+        (void)complain(status_failed, problem);
     }
     return path;
 }
@@ -37,7 +40,8 @@ int send(const std::string &path, const std::string &port, const request &ask) {
     if (result >= 0) {
         return 0;
     }
-    return complain(status_failed, port + ": " + strerror(static_cast<int>(-result)));
+    const char *hint = result == -ENODEV ? " (kt-softcan status lists the ports)" : "";
+    return complain(status_failed, port + ": " + strerror(static_cast<int>(-result)) + hint);
 }
 
 std::vector<const port_record *> present_ports(const world_region &region) {
@@ -59,53 +63,75 @@ std::uint64_t txfull_left_ms(const port_record &port) {
     return until > now_ns ? (until - now_ns + 999'999) / 1'000'000 : 0;
 }
 
-void print_json(const std::vector<const port_record *> &ports) {
-    const char *separator = "[";
-    for (const port_record *port : ports) {
-        (void)printf("%s{\"port\":\"%s\",\"ifindex\":%u,\"up\":%s,\"state\":\"%s\","
-                     "\"bitrate\":%u,\"restart_ms\":%u,\"termination\":%u,"
-                     "\"frames\":%" PRIu64 ",\"lost\":%" PRIu64 ",\"drops\":%" PRIu64
-                     ",\"drop_next\":%u,\"drop_rate\":%.6f,\"txfull_ms\":%" PRIu64 "}",
-                     separator,
-                     port->name,
-                     port->ifindex.load(),
-                     port->up != 0 ? "true" : "false",
-                     state_name(*port),
-                     port->bitrate.load(),
-                     port->restart_ms.load(),
-                     port->termination_ohm.load(),
-                     port->frames.load(),
-                     port->lost.load(),
-                     port->overruns.load(),
-                     port->drop_next.load(),
-                     port->drop_ppm.load() / 1e6,
-                     txfull_left_ms(*port));
-        separator = ",\n ";
+std::string json_array(const arguments &items) {
+    std::string text;
+    for (const std::string &item : items) {
+        text += (text.empty() ? "[" : ",\n ") + item;
     }
-    (void)printf("%s]\n", ports.empty() ? "[" : "");
+    return (text.empty() ? "[" : text) + "]\n";
 }
 
-void print_table(const std::vector<const port_record *> &ports) {
-    (void)printf("%-15s %-5s %-13s %9s %10s %10s %8s %8s\n",
-                 "PORT",
-                 "LINK",
-                 "STATE",
-                 "BITRATE",
-                 "RESTART-MS",
-                 "FRAMES",
-                 "LOST",
-                 "DROPS");
+std::string json_port(const port_record &port) {
+    char numbers[512]; // ten numbers of at most 20 digits
+    (void)snprintf(numbers,
+                   sizeof numbers,
+                   ",\"bitrate\":%u,\"restart_ms\":%u,\"termination\":%u,"
+                   "\"frames\":%" PRIu64 ",\"lost\":%" PRIu64 ",\"drops\":%" PRIu64
+                   ",\"drop_next\":%u,\"drop_rate\":%.6f,\"txfull_ms\":%" PRIu64 "}",
+                   port.bitrate.load(),
+                   port.restart_ms.load(),
+                   port.termination_ohm.load(),
+                   port.frames.load(),
+                   port.lost.load(),
+                   port.overruns.load(),
+                   port.drop_next.load(),
+                   port.drop_ppm.load() / 1e6,
+                   txfull_left_ms(port));
+    return "{\"port\":" + program::json_string(port.name) +
+           ",\"ifindex\":" + std::to_string(port.ifindex.load()) +
+           ",\"up\":" + (port.up != 0 ? "true" : "false") + ",\"state\":\"" + state_name(port) +
+           "\"" + numbers;
+}
+
+std::string port_line(const port_record &port) {
+    char line[256]; // the name is at most 15 bytes long
+    (void)snprintf(line,
+                   sizeof line,
+                   "%-15s %-5s %-13s %9u %10u %10" PRIu64 " %8" PRIu64 " %8" PRIu64 "\n",
+                   port.name,
+                   port.up != 0 ? "up" : "down",
+                   state_name(port),
+                   port.bitrate.load(),
+                   port.restart_ms.load(),
+                   port.frames.load(),
+                   port.lost.load(),
+                   port.overruns.load());
+    return line;
+}
+
+std::string status_text(const std::vector<const port_record *> &ports, bool json) {
+    constexpr const char *head =
+        "PORT            LINK  STATE           BITRATE RESTART-MS     FRAMES     LOST    DROPS\n";
+    std::string table = head;
+    arguments items;
     for (const port_record *port : ports) {
-        (void)printf("%-15s %-5s %-13s %9u %10u %10" PRIu64 " %8" PRIu64 " %8" PRIu64 "\n",
-                     port->name,
-                     port->up != 0 ? "up" : "down",
-                     state_name(*port),
-                     port->bitrate.load(),
-                     port->restart_ms.load(),
-                     port->frames.load(),
-                     port->lost.load(),
-                     port->overruns.load());
+        table += port_line(*port);
+        items.push_back(json_port(*port));
     }
+    return json ? json_array(items) : table;
+}
+
+std::string world_text(const world_entry &entry, const world_region &region, bool json) {
+    std::string ports;
+    for (const port_record *port : present_ports(region)) {
+        ports += (ports.empty() ? "" : ",") +
+                 (json ? program::json_string(port->name) : std::string(port->name));
+    }
+    if (!json) {
+        return entry.name + "\t" + ports + "\t" + entry.path + "\n";
+    }
+    return "{\"name\":" + program::json_string(entry.name) + ",\"ports\":[" + ports +
+           "],\"path\":" + program::json_string(entry.path) + "}";
 }
 
 // Frames per million of "0.25" or "25%".
@@ -158,13 +184,26 @@ bool parse_error_frame(const std::string &text, std::uint8_t (&out)[CAN_MTU]) {
 
 struct fault_word {
     std::string_view name;
+    operation op;
     fault_kind kind;
+    const char *wants; // the value, nullptr for none
 };
 
 constexpr fault_word fault_words[] = {
-    {"drop", fault_kind::drop_next},
-    {"drop-rate", fault_kind::drop_rate},
-    {"txfull", fault_kind::tx_full},
+    {"drop", operation::inject_fault, fault_kind::drop_next, "drop N, N from 0 to 4294967295"},
+    {"drop-rate",
+     operation::inject_fault,
+     fault_kind::drop_rate,
+     "drop-rate P, P from 0 to 1 or 0% to 100%"},
+    {"txfull",
+     operation::inject_fault,
+     fault_kind::tx_full,
+     "txfull MS|off, MS from 0 to 4294967295"},
+    {"error",
+     operation::inject_error,
+     fault_kind::clear,
+     "error ID#DATA, hexadecimal, ID up to 3FFFFFFF, up to 8 bytes"},
+    {"clear", operation::inject_fault, fault_kind::clear, nullptr},
 };
 
 std::optional<std::uint32_t> parse_fault_value(fault_kind kind, const std::string &text) {
@@ -177,60 +216,56 @@ std::optional<std::uint32_t> parse_fault_value(fault_kind kind, const std::strin
     return parse_number(text);
 }
 
-// False when the words are no fault.
-bool parse_fault(const arguments &words, request &ask) {
-    if (words.size() == 1 && words[0] == "clear") {
-        ask.detail = static_cast<std::uint32_t>(fault_kind::clear);
-        return true;
+// The problem, empty for none.
+std::string parse_fault(std::span<const std::string> words, request &ask) {
+    const auto *row =
+        std::find_if(std::begin(fault_words), std::end(fault_words), [&](const auto &one) {
+            return !words.empty() && one.name == words[0];
+        });
+    if (row == std::end(fault_words) || words.size() != (row->wants == nullptr ? 1 : 2)) {
+        return "fault wants drop N, drop-rate P, txfull MS|off, error ID#DATA or clear";
     }
-    if (words.size() != 2) {
-        return false;
+    ask.op = row->op;
+    ask.detail = static_cast<std::uint32_t>(row->kind);
+    if (row->wants == nullptr) {
+        return {};
     }
-    if (words[0] == "error") {
-        ask.op = operation::inject_error;
-        return parse_error_frame(words[1], ask.error_frame);
+    bool good = false;
+    if (row->op == operation::inject_error) {
+        good = parse_error_frame(words[1], ask.error_frame);
+    } else {
+        const auto value = parse_fault_value(row->kind, words[1]);
+        good = value.has_value();
+        ask.value = value.value_or(0);
     }
-    for (const fault_word &row : fault_words) {
-        const auto value = parse_fault_value(row.kind, words[1]);
-        if (row.name == words[0] && value) {
-            ask.detail = static_cast<std::uint32_t>(row.kind);
-            ask.value = *value;
-            return true;
-        }
-    }
-    return false;
+    return good ? std::string()
+                : std::string("fault wants ") + row->wants + ", not '" + words[1] + "'";
 }
 
 } // namespace
 
-int command_list(const arguments &words) {
-    if (!words.empty()) {
-        return complain(status_usage, "list takes no arguments");
-    }
+int command_list(const command_line &line) {
+    const bool json = line.has("--json");
+    arguments worlds;
     for (const world_entry &entry : running_worlds()) {
         int error = 0;
         const world_region *region = world_map(entry.path.c_str(), &error);
-        if (region == nullptr) {
-            continue; // it has just ended
+        if (region != nullptr) { // else it has just ended
+            worlds.push_back(world_text(entry, *region, json));
         }
-        std::string ports;
-        for (const port_record *port : present_ports(*region)) {
-            ports += (ports.empty() ? "" : ",") + std::string(port->name);
-        }
-        (void)printf("%s\t%s\t%s\n", entry.name.c_str(), ports.c_str(), entry.path.c_str());
     }
-    return 0;
+    std::string text;
+    for (const std::string &world : worlds) {
+        text += world;
+    }
+    (void)program::print(json ? json_array(worlds) : text);
+    return program::output_status();
 }
 
-int command_status(const arguments &words) {
-    arguments rest = words;
-    const bool json = take_flag(rest, "--json");
-    const std::string path = take_world(rest);
+int command_status(const command_line &line) {
+    const std::string path = find_world(line);
     if (path.empty()) {
         return status_failed;
-    }
-    if (!rest.empty()) {
-        return complain(status_usage, "unknown argument '" + rest[0] + "'");
     }
     int error = 0;
     const world_region *region = world_map(path.c_str(), &error);
@@ -238,41 +273,38 @@ int command_status(const arguments &words) {
         world_request(path.c_str(), make_request(operation::synchronise)) < 0) {
         return complain(status_failed, path + ": " + strerror(error != 0 ? error : ECONNRESET));
     }
-    (json ? print_json : print_table)(present_ports(*region));
-    return 0;
+    (void)program::print(status_text(present_ports(*region), line.has("--json")));
+    return program::output_status();
 }
 
-int command_port(const arguments &words) {
-    arguments rest = words;
-    const std::string path = take_world(rest);
-    if (path.empty()) {
-        return status_failed;
+int command_port(const command_line &line) {
+    const std::span words = std::span(line.words).subspan(1);
+    if (words.size() != 2 || (words[0] != "add" && words[0] != "remove")) {
+        return complain_of_usage("port wants add PORT or remove PORT");
     }
-    if (rest.size() != 2 || (rest[0] != "add" && rest[0] != "remove") ||
-        split_ports(rest[1]).size() != 1) {
-        return complain(status_usage, "port wants add NAME or remove NAME");
+    if (split_ports(words[1]).size() != 1) {
+        return complain_of_usage("'" + words[1] + "' cannot be the name of a port");
     }
-    const operation op = rest[0] == "add" ? operation::add_port : operation::remove_port;
-    return send(path, rest[1], named_request(op, rest[1]));
+    const std::string path = find_world(line);
+    const operation op = words[0] == "add" ? operation::add_port : operation::remove_port;
+    return path.empty() ? status_failed : send(path, words[1], named_request(op, words[1]));
 }
 
-int command_fault(const arguments &words) {
-    arguments rest = words;
-    std::string port;
-    const bool named = take_option(rest, "--port", &port);
-    const std::string path = take_world(rest);
-    if (path.empty()) {
-        return status_failed;
+int command_fault(const command_line &line) {
+    const std::string *port = line.value("--port");
+    if (port == nullptr) {
+        return complain_of_usage("fault wants --port PORT");
     }
-    if (!named) {
-        return complain(status_usage, "fault wants --port NAME");
+    if (split_ports(*port).size() != 1) {
+        return complain_of_usage("'" + *port + "' cannot be the name of a port");
     }
-    request ask = named_request(operation::inject_fault, port);
-    if (!parse_fault(rest, ask)) {
-        return complain(status_usage,
-                        "fault wants drop N, drop-rate P, txfull MS|off, error ID#DATA or clear");
+    request ask = named_request(operation::inject_fault, *port);
+    const std::string problem = parse_fault(std::span(line.words).subspan(1), ask);
+    if (!problem.empty()) {
+        return complain_of_usage(problem);
     }
-    return send(path, port, ask);
+    const std::string path = find_world(line);
+    return path.empty() ? status_failed : send(path, *port, ask);
 }
 
 } // namespace softcan

@@ -1,6 +1,8 @@
 #ifndef KT_SOFTCAN_COMMANDS_H
 #define KT_SOFTCAN_COMMANDS_H
 
+#include "program/command_line.h"
+#include "program/output.h"
 #include "protocol.h"
 
 #include <optional>
@@ -10,21 +12,23 @@
 
 namespace softcan {
 
-inline constexpr int status_failed = 1;
-inline constexpr int status_usage = 2;
+using program::complain;
+using program::complain_of_usage;
+using program::status_failed;
+
 inline constexpr int status_launcher = 125; // of run and join, which end with COMMAND's status
 
 using arguments = std::vector<std::string>;
 
 // launcher.cpp
-int command_run(const arguments &words);
-int command_join(const arguments &words);
+int command_run(const program::command_line &line);
+int command_join(const program::command_line &line);
 
 // commands.cpp
-int command_list(const arguments &words);
-int command_status(const arguments &words);
-int command_port(const arguments &words);
-int command_fault(const arguments &words);
+int command_list(const program::command_line &line);
+int command_status(const program::command_line &line);
+int command_port(const program::command_line &line);
+int command_fault(const program::command_line &line);
 
 // ip_shim.cpp
 
@@ -45,20 +49,14 @@ std::string show_port(const port_record &port, const show_style &style);
 
 // main.cpp
 
-/** Print "kt-softcan: text" to standard error and return the status. */
-int complain(int status, const std::string &text);
-
 /** A decimal number, nothing for anything else or one above the limit. */
 std::optional<std::uint32_t> parse_number(std::string_view text, std::uint32_t limit = 0xFFFFFFFF);
 
+/** The value of an option, empty when it was not given. */
+std::string value_or_none(const program::command_line &line, std::string_view name);
+
 /** "can0,can1" as names; empty when a name is empty, too long or given twice. */
 arguments split_ports(const std::string &list);
-
-/** Take "--name VALUE" or "--name=VALUE" out of words; the last one counts, empty for none. */
-bool take_option(arguments &words, std::string_view name, std::string *value);
-
-/** Take "--name" out of words; true if it was there. */
-bool take_flag(arguments &words, std::string_view name);
 
 const char *state_name(const port_record &port);
 

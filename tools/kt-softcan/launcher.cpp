@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -23,43 +22,28 @@ namespace {
 namespace fs = std::filesystem;
 
 struct launch_options {
-    std::string ports = "can0,can1";
+    std::string ports;
     std::string world;
-    bool up = false;
+    bool up;
     arguments command;
 };
 
-// Options stand before COMMAND; what follows is COMMAND's own.
-int parse_options(const arguments &words, bool run, launch_options &out) {
-    std::size_t at = 0;
-    for (; at < words.size() && words[at].starts_with("-") && words[at] != "--"; ++at) {
-        arguments option{words[at]};
-        const bool has_value = words[at].find('=') != std::string::npos;
-        if (run && take_flag(option, "--up")) {
-            out.up = true;
-            continue;
-        }
-        if (!has_value && at + 1 < words.size()) {
-            option.push_back(words[at + 1]);
-        }
-        if (!(run && take_option(option, "--ports", &out.ports)) &&
-            !take_option(option, "--world", &out.world)) {
-            return complain(status_launcher, "unknown or incomplete option '" + words[at] + "'");
-        }
-        at += has_value ? 0 : 1;
-    }
-    at += at < words.size() && words[at] == "--" ? 1 : 0;
-    out.command.assign(words.begin() + static_cast<std::ptrdiff_t>(at), words.end());
-    return out.command.empty() ? complain(status_launcher, "no COMMAND to run") : 0;
+launch_options read_options(const program::command_line &line) {
+    const std::string *ports = line.value("--ports");
+    return {ports == nullptr ? "can0,can1" : *ports,
+            value_or_none(line, "--world"),
+            line.has("--up"),
+            {line.words.begin() + 1, line.words.end()}};
 }
 
 fs::path own_folder() {
     return fs::read_symlink("/proc/self/exe").parent_path();
 }
 
-// The library stands beside the program or in the lib folder beside bin.
+// The library stands beside the program or in the lib folder beside bin, installed with the shim.
 std::string find_library() {
-    for (const fs::path &folder : {own_folder() / ".." / "lib", own_folder()}) {
+    const fs::path lib = own_folder() / ".." / "lib";
+    for (const fs::path &folder : {lib, lib / "kt-softcan", own_folder()}) {
         const fs::path file = folder / "libkt-softcan.so";
         if (fs::exists(file)) {
             return fs::canonical(file).string();
@@ -112,8 +96,8 @@ int exec_status(int error) {
     words.push_back(nullptr);
     (void)execvp(words[0], words.data());
     const int error = errno;
-    (void)fprintf(stderr, "kt-softcan: cannot run %s: %s\n", words[0], strerror(error));
-    _exit(exec_status(error));
+    _exit(complain(exec_status(error),
+                   std::string("cannot run ") + words[0] + ": " + strerror(error)));
 }
 
 world_region *create_region(int *fd) {
@@ -276,26 +260,25 @@ std::string port_list(world_region *region) {
 
 } // namespace
 
-int command_run(const arguments &words) {
-    launch_options options;
-    const int error = parse_options(words, true, options);
-    if (error != 0) {
-        return error;
+int command_run(const program::command_line &line) {
+    const launch_options options = read_options(line);
+    if (options.command.empty()) {
+        return complain_of_usage("no COMMAND to run", status_launcher);
     }
     const arguments ports = split_ports(options.ports);
     if (ports.empty() || ports.size() > max_ports) {
-        return complain(status_launcher,
-                        "--ports wants up to " + std::to_string(max_ports) +
-                            " different names of up to 15 characters, not '" + options.ports + "'");
+        return complain_of_usage("--ports wants up to " + std::to_string(max_ports) +
+                                     " different names of up to 15 characters, not '" +
+                                     options.ports + "'",
+                                 status_launcher);
     }
     return run_world(options, ports);
 }
 
-int command_join(const arguments &words) {
-    launch_options options;
-    const int error = parse_options(words, false, options);
-    if (error != 0) {
-        return error;
+int command_join(const program::command_line &line) {
+    const launch_options options = read_options(line);
+    if (options.command.empty()) {
+        return complain_of_usage("no COMMAND to run", status_launcher);
     }
     std::string problem;
     const std::string path = choose_world(options.world, false, &problem);

@@ -2,90 +2,119 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
+#include <cstdint>
 #include <cstring>
+#include <exception>
+#include <iterator>
 #include <net/if.h>
-#include <new>
 
 namespace softcan {
 namespace {
 
-constexpr const char *usage =
-    R"(kt-softcan: working AF_CAN raw sockets on a machine without CAN support
+using program::command_line;
+using program::takes;
 
-  kt-softcan run [--ports LIST] [--world NAME] [--up] [--] COMMAND...
-        start a world with the ports of LIST (default can0,can1), run COMMAND in it and end with
-        its exit status. Ports are down until they are set up; --up sets all of them up.
-  kt-softcan join [--world NAME|PATH] [--] COMMAND...
-        run COMMAND in a running world
-  kt-softcan list
-        running worlds
-  kt-softcan status [--world NAME|PATH] [--json]
-        ports of a world: state, bit rate, frames, losses
-  kt-softcan port [--world NAME|PATH] add|remove NAME
-        plug in or take away a port
-  kt-softcan fault [--world NAME|PATH] --port NAME FAULT
-        drop N            lose the next N frames
-        drop-rate P       lose that share of the frames, 0 to 1 or 0% to 100%
-        txfull MS|off     sending fails with ENOBUFS for MS milliseconds
-        error ID#DATA     an error frame from the bus, ID and DATA hexadecimal
-        clear             none of these, error state back to active
-  kt-softcan --help | --version
+constexpr char help_text[] =
+    R"(Usage: kt-softcan run [--ports LIST] [--world NAME] [--up] [--] COMMAND...
+       kt-softcan join [--world NAME] [--] COMMAND...
+       kt-softcan list [--json]
+       kt-softcan status [--world NAME] [--json]
+       kt-softcan port [--world NAME] add|remove PORT
+       kt-softcan fault [--world NAME] --port PORT FAULT
 
-Without --world a command means the world it runs in, else the only one running; join means the
-only one running. Inside a world `ip link` knows its ports.
+Working AF_CAN raw sockets for COMMAND on a machine without CAN support: run it
+in a new world of virtual CAN ports, or join one that runs.
 
-Exit status: run and join end with COMMAND's (128 + n after signal n, 126 and 127 as a shell) or
-with 125 for a failure of their own; the others with 0, 1 for a failure, 2 for wrong usage.
+  --ports LIST   ports of the new world; default can0,can1
+  --up           set them up at the start, else `ip link set up PORT` does
+  --world NAME   name or socket file; default: the world around the command,
+                 else (for join always) the only one that runs
+  --json         list, status: an array of objects, one for each world or port
+  --port PORT    the port of the FAULT: drop N (lose the next N frames),
+                 drop-rate P (0 to 1 or 0% to 100%), txfull MS|off (ENOBUFS),
+                 error ID#DATA (an error frame, hexadecimal), clear
+  --help         print this text
+  --version      print the version
+
+Exit status: 0 done, 1 failed, 2 wrong usage. run and join: that of COMMAND,
+128 + n after signal n, 126 or 127 if it cannot be run, 125 for a failure of
+their own.
+Environment: KT_SOFTCAN_DIR, folder of the worlds (default /tmp/kt-softcan-UID).
+Example: kt-softcan run --up -- candump any
 )";
 
-struct command {
-    std::string_view name;
-    int (*run)(const arguments &words);
-    int failure;
+constexpr program::identity self = {"kt-softcan", help_text};
+
+constexpr program::option_row option_rows[] = {
+    {"--ports", takes::value},
+    {"--up", takes::nothing},
+    {"--world", takes::value},
+    {"--port", takes::value},
+    {"--json", takes::nothing},
 };
+
+struct command {
+    program::command_row row;
+    int (*run)(const command_line &line);
+    bool launches; // what follows its name and options is COMMAND's own
+};
+
+constexpr std::size_t any_number = SIZE_MAX - 1;
 
 constexpr command commands[] = {
-    {"run", command_run, status_launcher},
-    {"join", command_join, status_launcher},
-    {"list", command_list, status_failed},
-    {"status", command_status, status_failed},
-    {"port", command_port, status_failed},
-    {"fault", command_fault, status_failed},
+    {{"run", 0, any_number, "--ports --world --up"}, command_run, true},
+    {{"join", 0, any_number, "--world"}, command_join, true},
+    {{"list", 0, 0, "--json"}, command_list, false},
+    {{"status", 0, 0, "--world --json"}, command_status, false},
+    {{"port", 0, any_number, "--world"}, command_port, false},
+    {{"fault", 0, any_number, "--world --port"}, command_fault, false},
 };
 
-int run_command(const arguments &words) {
-    if (words.empty() || words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
-        (void)fputs(usage, words.empty() ? stderr : stdout);
-        return words.empty() ? status_usage : 0;
+const command *find_command(const arguments &words) {
+    const auto *found = std::find_if(std::begin(commands), std::end(commands), [&](const auto &c) {
+        return !words.empty() && c.row.name == words[0];
+    });
+    return found == std::end(commands) ? nullptr : found;
+}
+
+int run_chosen(const command &chosen, const command_line &line) {
+    const std::string problem = program::check_command(chosen.row, line);
+    if (!problem.empty()) {
+        return complain_of_usage(problem,
+                                 chosen.launches ? status_launcher : program::status_usage);
     }
-    if (words[0] == "--version") {
-        (void)puts("kt-softcan " KT_SOFTCAN_VERSION);
-        return 0;
+    try {
+        return chosen.run(line);
+    } catch (const std::exception &failure) {
+        return complain(chosen.launches ? status_launcher : status_failed, failure.what());
     }
-    for (const command &row : commands) {
-        if (row.name != words[0]) {
-            continue;
-        }
-        if (words.size() > 1 && words[1] == "--help") {
-            (void)fputs(usage, stdout);
-            return 0;
-        }
-        try {
-            return row.run({words.begin() + 1, words.end()});
-        } catch (const std::exception &failure) {
-            return complain(row.failure, failure.what());
-        }
+}
+
+int run_command(std::span<char *const> all) {
+    command_line line;
+    const command *chosen = nullptr;
+    const std::string problem = program::parse(option_rows, all, line, [&] {
+        chosen = find_command(line.words);
+        return chosen != nullptr && chosen->launches && line.words.size() > 1;
+    });
+    if (chosen == nullptr || !chosen->launches || program::asks_about(line)) {
+        program::ignore_closed_pipes(); // COMMAND finds the signal as it was
     }
-    return complain(status_usage, "unknown command '" + words[0] + "', see kt-softcan --help");
+    if (program::asks_about(line)) {
+        return program::answer_about(self, line);
+    }
+    if (!problem.empty()) {
+        const bool launches = chosen != nullptr && chosen->launches;
+        return complain_of_usage(problem, launches ? status_launcher : program::status_usage);
+    }
+    if (line.words.empty()) {
+        return complain_of_usage("a command is missing");
+    }
+    return chosen == nullptr ? complain_of_usage("unknown command " + line.words[0])
+                             : run_chosen(*chosen, line);
 }
 
 } // namespace
-
-int complain(int status, const std::string &text) {
-    (void)fprintf(stderr, "kt-softcan: %s\n", text.c_str());
-    return status;
-}
 
 std::optional<std::uint32_t> parse_number(std::string_view text, std::uint32_t limit) {
     std::uint32_t value = 0;
@@ -112,30 +141,9 @@ arguments split_ports(const std::string &list) {
     return names;
 }
 
-bool take_option(arguments &words, std::string_view name, std::string *value) {
-    const std::string assigned = std::string(name) + "=";
-    for (auto word = words.begin(); word != words.end() && *word != "--"; ++word) {
-        if (word->starts_with(assigned)) {
-            *value = word->substr(assigned.size());
-            words.erase(word);
-            return true;
-        }
-        if (*word == name && word + 1 != words.end()) {
-            *value = *(word + 1);
-            words.erase(word, word + 2);
-            return true;
-        }
-    }
-    return false;
-}
-
-bool take_flag(arguments &words, std::string_view name) {
-    const auto word = std::find(words.begin(), words.end(), name);
-    if (word == words.end()) {
-        return false;
-    }
-    words.erase(word);
-    return true;
+std::string value_or_none(const command_line &line, std::string_view name) {
+    const std::string *value = line.value(name);
+    return value == nullptr ? std::string() : *value;
 }
 
 const char *state_name(const port_record &port) {
@@ -154,9 +162,10 @@ int main(int argc, char **argv) {
         if (name != nullptr && strcmp(name, "ip") == 0) {
             return softcan::ip_main(argc, argv);
         }
-        return softcan::run_command({argv + 1, argv + argc});
+        program::begin(softcan::self.name);
+        return softcan::run_command(
+            std::span(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
     } catch (const std::exception &failure) {
-        (void)fprintf(stderr, "kt-softcan: %s\n", failure.what());
-        return softcan::status_failed;
+        return program::complain(program::status_failed, failure.what());
     }
 }

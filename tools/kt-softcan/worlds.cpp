@@ -155,7 +155,7 @@ std::string choose_world(const std::string &wanted, bool use_environment, std::s
     if (worlds.size() == 1) {
         return worlds.front().path;
     }
-    *problem = worlds.empty() ? "no world is running"
+    *problem = worlds.empty() ? "no world is running, start one with kt-softcan run"
                               : "several worlds are running, choose one with --world:";
     for (const world_entry &entry : worlds) {
         problem->append(" ").append(entry.name);

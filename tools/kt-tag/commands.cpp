@@ -1,16 +1,18 @@
 #include "commands.h"
 
 #include "output.h"
+#include "program/output.h"
 #include "value_text.h"
 
 #include <kt/dx_client.h>
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <fnmatch.h>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -31,7 +33,12 @@ struct found_tag {
     dx_sample sample;
 };
 
-const char *reason(int code) {
+std::string store_path() {
+    const char *root = getenv("KT_ROOT");
+    return std::string(root == nullptr ? "" : root) + "/run/kt-dx/tags";
+}
+
+std::string reason(int code) {
     switch (code) {
     case DX_UNKNOWN_TAG:
         return "unknown tag";
@@ -42,9 +49,9 @@ const char *reason(int code) {
     case DX_PROVIDER_DEAD:
         return "the provider of the tag has died";
     case DX_NO_PERMISSION:
-        return "no permission to write tags";
+        return "no permission to write tags: " + store_path();
     case DX_NO_STORE:
-        return "no tag store (is a provider running?)";
+        return "no tag store (is a provider running?): " + store_path();
     case DX_STORE_REFUSED:
         return "the tag store cannot be used";
     case DX_NO_MEMORY:
@@ -54,14 +61,12 @@ const char *reason(int code) {
     }
 }
 
-int fail(const char *reason_text) {
-    (void)fprintf(stderr, "kt-tag: %s\n", reason_text);
-    return 1;
+int fail(const std::string &reason_text) {
+    return program::complain(program::status_failed, reason_text);
 }
 
-int fail(const char *name, const char *reason_text) {
-    (void)fprintf(stderr, "kt-tag: %s: %s\n", printable_name(name).c_str(), reason_text);
-    return 1;
+int fail(const char *name, const std::string &reason_text) {
+    return fail(std::string(name) + ": " + reason_text);
 }
 
 /** @return a dx_result */
@@ -78,7 +83,8 @@ int open_and_find(const char *name, client_ptr &client, dx_tag_info &info) {
 }
 
 bool print_tag(const tag_options &options, const dx_tag_info &info, const dx_sample &sample) {
-    return print_line(options.json ? json_line(info, sample) : text_line(info, sample));
+    return program::print((options.json ? json_line(info, sample) : text_line(info, sample)) +
+                          "\n");
 }
 
 int collect_tag(void *context, const dx_tag_info *info, const dx_sample *sample) {
@@ -156,7 +162,7 @@ int wait_for_store(watch_run &run) {
             return begin_watch(run);
         }
         const int64_t pause_ms = left_ms(run, missing_store_ms);
-        if (code != DX_NO_STORE || pause_ms == 0 || stop_asked || output_abandoned()) {
+        if (code != DX_NO_STORE || pause_ms == 0 || stop_asked || program::output_abandoned()) {
             return code;
         }
         const timespec pause = {0, static_cast<long>(pause_ms * 1000000)};
@@ -178,7 +184,7 @@ int watch_store(watch_run &run) {
                 continue;
             }
         }
-        if (left_ms(run, look_again_ms) == 0 || output_abandoned()) {
+        if (left_ms(run, look_again_ms) == 0 || program::output_abandoned()) {
             return DX_OK;
         }
         if (!dx_client_current(run.client.get())) {
@@ -209,7 +215,7 @@ int list_tags(const tag_options &options) {
             break;
         }
     }
-    return output_status();
+    return program::output_status();
 }
 
 int get_tag(const tag_options &options) {
@@ -221,8 +227,9 @@ int get_tag(const tag_options &options) {
     if (code != DX_OK) {
         return fail(options.name, reason(code));
     }
-    (void)print_line(options.json ? json_line(info, sample) : value_text(info, sample));
-    return output_status();
+    (void)program::print((options.json ? json_line(info, sample) : value_text(info, sample)) +
+                         "\n");
+    return program::output_status();
 }
 
 int set_tag(const tag_options &options) {
@@ -238,7 +245,7 @@ int set_tag(const tag_options &options) {
     uint8_t value[DX_VALUE_MAX];
     std::string error;
     if (!parse_value(info, options.value, value, error)) {
-        return fail(options.name, error.c_str());
+        return fail(options.name, error);
     }
     code = dx_client_write(client.get(), &info, value, info.size);
     return code == DX_OK ? 0 : fail(options.name, reason(code));
@@ -249,8 +256,8 @@ int watch_tags(const tag_options &options) {
     watch_run run{options, options.timeout_ms < 0 ? -1 : now_ms() + options.timeout_ms, nullptr};
     int code = wait_for_store(run);
     code = code == DX_OK ? watch_store(run) : code;
-    if (stop_asked || run.output_failed || output_abandoned()) {
-        return output_status();
+    if (stop_asked || run.output_failed || program::output_abandoned()) {
+        return program::output_status();
     }
     if (code != DX_OK) {
         return fail(reason(code));

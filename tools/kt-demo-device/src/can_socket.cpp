@@ -1,7 +1,8 @@
 #include "can_socket.h"
 
+#include "program/output.h"
+
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <linux/can/raw.h>
 #include <net/if.h>
@@ -10,7 +11,7 @@
 namespace {
 
 int complain(const std::string &port, const char *what) {
-    (void)fprintf(stderr, "kt-demo-device: %s: %s: %s\n", port.c_str(), what, strerror(errno));
+    (void)program::complain(program::status_failed, port + ": " + what + ": " + strerror(errno));
     return -1;
 }
 
@@ -37,14 +38,17 @@ int open_can_socket(const std::string &port) {
     address.can_family = AF_CAN;
     address.can_ifindex = static_cast<int>(if_nametoindex(port.c_str()));
     if (address.can_ifindex == 0) {
-        return complain(port, "no such interface");
+        (void)program::complain(program::status_failed,
+                                port + ": no such interface (`ip link` lists those there are)");
+        return -1;
     }
     const int fd = socket(AF_CAN, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, CAN_RAW);
     if (fd < 0) {
-        return complain(port, "socket");
+        return complain(port,
+                        errno == EAFNOSUPPORT ? "no CAN support here (see kt-softcan)" : "socket");
     }
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        (void)complain(port, "bind");
+        (void)complain(port, errno == ENODEV ? "no CAN interface" : "bind");
         (void)close(fd); // never used
         return -1;
     }

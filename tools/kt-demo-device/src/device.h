@@ -43,6 +43,7 @@ struct device {
     std::string port;
     int fd = -1;
     bool extended = false;
+    bool json = false; // how it reports
     int64_t interval_ms = 250;
     faults fault;
     std::deque<waiting_frame> outbox;

@@ -1,10 +1,10 @@
 #include "device.h"
+#include "report.h"
 #include "transmit.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 
 namespace {
 
@@ -52,7 +52,7 @@ void answer_identify(device &unit, int64_t now_ms) {
     std::array<uint8_t, 8> data{identify_response_constant, 0x01, 0x02, 0x07};
     put(std::span(data), 4, serial_number);
     transmit(unit, identify_response_id, data, 0, now_ms);
-    (void)printf("%s: drive identified itself\n", unit.port.c_str());
+    report(unit, "drive", "identified", "drive identified itself");
 }
 
 void answer_control(device &unit, std::span<const uint8_t> request, int64_t now_ms) {

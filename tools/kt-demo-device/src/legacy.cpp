@@ -1,8 +1,8 @@
 #include "device.h"
+#include "report.h"
 #include "transmit.h"
 
 #include <array>
-#include <cstdio>
 
 namespace {
 
@@ -28,13 +28,13 @@ void receive(device &unit, const can_frame &frame, uint32_t id, int64_t now_ms) 
     }
     if (id == setpoint_id && data.size() == setpoint_dlc) {
         ++legacy.answers;
-        (void)printf("%s: setpoint %u\n", unit.port.c_str(), take<uint16_t>(data, 0));
+        report_value(unit, "legacy", "setpoint", take<uint16_t>(data, 0));
         acknowledge(unit, now_ms);
     }
     if (id == command_id && data.size() == command_size) {
         ++legacy.commands;
         legacy.last_command = take<uint16_t>(data, 0);
-        (void)printf("%s: command %u\n", unit.port.c_str(), legacy.last_command);
+        report_value(unit, "legacy", "command", legacy.last_command);
         acknowledge(unit, now_ms);
     }
 }

@@ -1,6 +1,8 @@
 #include "can_socket.h"
 #include "device.h"
 #include "options.h"
+#include "program/output.h"
+#include "report.h"
 #include "script.h"
 #include "transmit.h"
 
@@ -8,7 +10,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -31,7 +32,7 @@ bool choose_nodes(const options &wanted, std::vector<const node_kind *> &nodes) 
         const auto *kind = std::find_if(
             node_table.begin(), node_table.end(), [&](const auto *k) { return name == k->name; });
         if (kind == node_table.end()) {
-            (void)fprintf(stderr, "kt-demo-device: no such node: %s\n", name.c_str());
+            (void)program::complain_of_usage("no such node: " + name);
             return false;
         }
         nodes.push_back(*kind);
@@ -125,12 +126,14 @@ int run_device(device &unit,
         if (due.status >= 0) {
             return due.status;
         }
+        if (program::output_abandoned()) {
+            return program::output_status();
+        }
         const int64_t wait_ms = std::clamp<int64_t>(due.next_ms - now_ms, 0, longest_wait_ms);
         std::array<pollfd, 2> fds{pollfd{unit.fd, POLLIN, 0}, pollfd{signals, POLLIN, 0}};
         if (poll(fds.data(), fds.size(), static_cast<int>(wait_ms)) < 0 && errno != EINTR) {
-            (void)fprintf(
-                stderr, "kt-demo-device: %s: poll: %s\n", unit.port.c_str(), strerror(errno));
-            return 1;
+            return program::complain(program::status_failed,
+                                     unit.port + ": poll: " + strerror(errno));
         }
         if (fds[1].revents != 0) {
             return 0;
@@ -153,9 +156,9 @@ std::deque<script_step> all_steps(const options &wanted, const std::vector<scrip
     return steps;
 }
 
-int run_program(int argc, char *argv[]) {
+int run_program(std::span<char *const> arguments) {
     options wanted;
-    const int status = parse_options(argc, argv, wanted);
+    const int status = parse_options(arguments, wanted);
     if (status >= 0) {
         return status;
     }
@@ -170,28 +173,25 @@ int run_program(int argc, char *argv[]) {
     if (signals.get() < 0 || socket.get() < 0) {
         return 1;
     }
-    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // a refusal only delays lines
     device unit;
     unit.port = wanted.port;
     unit.fd = socket.get();
     unit.extended = wanted.extended;
+    unit.json = wanted.json;
     unit.interval_ms = wanted.interval_ms;
     unit.fault = wanted.initial_faults;
-    (void)printf("ready %s", wanted.port.c_str());
-    for (const std::string &name : wanted.nodes) {
-        (void)printf(" %s", name.c_str());
-    }
-    (void)printf("\n");
+    report_ready(unit, wanted.nodes);
     return run_device(unit, nodes, all_steps(wanted, script), signals.get());
 }
 
 } // namespace
 
 int main(int argc, char *argv[]) {
+    program::begin(program_name);
+    program::ignore_closed_pipes();
     try {
-        return run_program(argc, argv);
+        return run_program(std::span(argv, static_cast<size_t>(argc)).subspan(argc > 0 ? 1 : 0));
     } catch (const std::exception &error) {
-        (void)fprintf(stderr, "kt-demo-device: %s\n", error.what());
-        return 1;
+        return program::complain(program::status_failed, error.what());
     }
 }

@@ -1,89 +1,118 @@
 #include "options.h"
 
-#include <array>
-#include <cstdio>
+#include "program/command_line.h"
+#include "program/output.h"
+
+#include <algorithm>
 #include <cstdlib>
-#include <getopt.h>
+#include <iterator>
 
 namespace {
 
+using program::command_line;
+using program::takes;
+
 constexpr int64_t day_ms = 86400000;
 
-constexpr const char *help_text =
-    "Usage: kt-demo-device --port NAME [options]\n"
-    "A CAN device for demonstrations and tests; its frames are described in the README.\n"
-    "\n"
-    "  --port NAME          CAN interface, e.g. can0\n"
-    "  --node NAME          drive (default), sensor or legacy; may be given several times\n"
-    "  --extended           29-bit identifiers\n"
-    "  --interval MS        time between two frames of the sensor (default 250)\n"
-    "  --silent-after MS    fall silent this long after the start\n"
-    "  --late MS            send every frame this much later\n"
-    "  --wrong-length       send every frame one byte short\n"
-    "  --wrong-constant     invert the constant byte of every frame\n"
-    "  --script FILE        lines of MS ACTION: send FRAME, silent on|off, late MS,\n"
-    "                       wrong-length on|off, wrong-constant on|off, exit\n"
-    "  --help, --version\n";
+constexpr char help_text[] =
+    R"(Usage: kt-demo-device --port NAME [--node NODE]... [OPTION]...
 
-constexpr std::array long_options{
-    option{"port", required_argument, nullptr, 'p'},
-    option{"node", required_argument, nullptr, 'n'},
-    option{"extended", no_argument, nullptr, 'e'},
-    option{"interval", required_argument, nullptr, 'i'},
-    option{"silent-after", required_argument, nullptr, 's'},
-    option{"late", required_argument, nullptr, 'l'},
-    option{"wrong-length", no_argument, nullptr, 'w'},
-    option{"wrong-constant", no_argument, nullptr, 'c'},
-    option{"script", required_argument, nullptr, 'f'},
-    option{"help", no_argument, nullptr, 'h'},
-    option{"version", no_argument, nullptr, 'v'},
-    option{nullptr, 0, nullptr, 0},
+A CAN device for demonstrations and tests. It runs until SIGINT or SIGTERM.
+
+  --port NAME         CAN interface, e.g. can0
+  --node NODE         drive (default), sensor or legacy; each may be given
+  --extended          29-bit identifiers
+  --interval MS       time between two frames of the sensor (default 250)
+  --silent-after MS   fall silent this long after the start
+  --late MS           send every frame this much later
+  --wrong-length      send every frame one byte short
+  --wrong-constant    invert the constant byte of every frame
+  --script FILE       lines of MS ACTION: send FRAME, silent on|off, late MS,
+                      wrong-length on|off, wrong-constant on|off, exit
+  --json              one JSON object per line of output
+  --help              print this text
+  --version           print the version
+
+Exit status: 0 stopped or ended by its script; 1 no such port, or it has gone;
+2 wrong usage, a script that cannot be read or has a wrong line included.
+Environment: none of its own; on virtual ports start it with kt-softcan join.
+Example: kt-demo-device --port can0 --node drive --node sensor
+)";
+
+constexpr program::identity self = {program_name, help_text};
+
+constexpr program::option_row option_rows[] = {
+    {"--port", takes::value},
+    {"--node", takes::values},
+    {"--extended", takes::nothing},
+    {"--interval", takes::value},
+    {"--silent-after", takes::value},
+    {"--late", takes::value},
+    {"--wrong-length", takes::nothing},
+    {"--wrong-constant", takes::nothing},
+    {"--script", takes::value},
+    {"--json", takes::nothing},
 };
 
-bool read_milliseconds(const char *name, int64_t &value) {
-    value = parse_milliseconds(optarg);
-    if (value < 0) {
-        (void)fprintf(stderr, "kt-demo-device: --%s: no time in ms: %s\n", name, optarg);
+struct time_option {
+    std::string_view name;
+    int64_t least_ms;
+    int64_t &value;
+};
+
+/** @return the problem, empty for none */
+std::string take_times(const command_line &line, options &result) {
+    for (const time_option &row : {time_option{"--interval", 1, result.interval_ms},
+                                   time_option{"--silent-after", 0, result.silent_after_ms},
+                                   time_option{"--late", 0, result.initial_faults.late_ms}}) {
+        const std::string *text = line.value(row.name);
+        if (text == nullptr) {
+            continue;
+        }
+        row.value = parse_milliseconds(text->c_str());
+        if (row.value < row.least_ms) {
+            return std::string(row.name) + " needs milliseconds, " + std::to_string(row.least_ms) +
+                   " to " + std::to_string(day_ms) + ", not '" + *text + "'";
+        }
     }
-    return value >= 0;
+    return {};
 }
 
-/** @retval -1 taken, else the exit status */
-int apply(int letter, options &result) {
-    switch (letter) {
-    case 'p':
-        result.port = optarg;
-        return -1;
-    case 'n':
-        result.nodes.emplace_back(optarg);
-        return -1;
-    case 'e':
-        result.extended = true;
-        return -1;
-    case 'i':
-        return read_milliseconds("interval", result.interval_ms) ? -1 : 2;
-    case 's':
-        return read_milliseconds("silent-after", result.silent_after_ms) ? -1 : 2;
-    case 'l':
-        return read_milliseconds("late", result.initial_faults.late_ms) ? -1 : 2;
-    case 'w':
-        result.initial_faults.wrong_length = true;
-        return -1;
-    case 'c':
-        result.initial_faults.wrong_constant = true;
-        return -1;
-    case 'f':
-        result.script = optarg;
-        return -1;
-    case 'h':
-        (void)fputs(help_text, stdout);
-        return 0;
-    case 'v':
-        (void)puts("kt-demo-device " KT_VERSION);
-        return 0;
-    default: // getopt_long has said what is wrong
-        return 2;
+/** @return the problem, empty for none */
+std::string take_nodes(const command_line &line, options &result) {
+    for (const auto &[name, value] : line.options) {
+        if (name != "--node") {
+            continue;
+        }
+        if (std::find(result.nodes.begin(), result.nodes.end(), value) != result.nodes.end()) {
+            return "--node " + value + " is given twice";
+        }
+        result.nodes.push_back(value);
     }
+    if (result.nodes.empty()) {
+        result.nodes.emplace_back("drive");
+    }
+    return {};
+}
+
+/** @return the problem, empty for none */
+std::string take_options(const command_line &line, options &result) {
+    if (!line.words.empty()) {
+        return "unknown argument " + line.words[0];
+    }
+    const std::string *port = line.value("--port");
+    if (port == nullptr || port->empty()) {
+        return "--port is missing";
+    }
+    result.port = *port;
+    const std::string *script = line.value("--script");
+    result.script = script == nullptr ? "" : *script;
+    result.extended = line.has("--extended");
+    result.json = line.has("--json");
+    result.initial_faults.wrong_length = line.has("--wrong-length");
+    result.initial_faults.wrong_constant = line.has("--wrong-constant");
+    const std::string problem = take_times(line, result);
+    return problem.empty() ? take_nodes(line, result) : problem;
 }
 
 } // namespace
@@ -95,29 +124,14 @@ int64_t parse_milliseconds(const char *text) {
     return number && value >= 0 && value <= day_ms ? value : -1;
 }
 
-int parse_options(int argc, char *argv[], options &result) {
-    int letter = 0;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): before any thread
-    while ((letter = getopt_long(argc, argv, "", long_options.data(), nullptr)) != -1) {
-        const int status = apply(letter, result);
-        if (status >= 0) {
-            return status;
-        }
+int parse_options(std::span<char *const> arguments, options &result) {
+    command_line line;
+    std::string problem = program::parse(option_rows, arguments, line);
+    if (program::asks_about(line)) {
+        return program::answer_about(self, line);
     }
-    if (optind < argc) {
-        (void)fprintf(stderr, "kt-demo-device: unknown argument %s\n", argv[optind]);
-        return 2;
+    if (problem.empty()) {
+        problem = take_options(line, result);
     }
-    if (result.port.empty()) {
-        (void)fputs("kt-demo-device: --port is missing\n", stderr);
-        return 2;
-    }
-    if (result.interval_ms == 0) {
-        (void)fputs("kt-demo-device: --interval must be above 0\n", stderr);
-        return 2;
-    }
-    if (result.nodes.empty()) {
-        result.nodes.emplace_back("drive");
-    }
-    return -1;
+    return problem.empty() ? -1 : program::complain_of_usage(problem);
 }

@@ -2,8 +2,11 @@
 #define KT_DEMO_DEVICE_OPTIONS_H
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
+
+inline constexpr char program_name[] = "kt-demo-device";
 
 /** What the device does wrong on purpose; a script may change it while the device runs. */
 struct faults {
@@ -21,6 +24,7 @@ struct options {
     int64_t silent_after_ms = -1; // from the start, -1 for never
     int64_t interval_ms = 250;    // between two frames of the sensor
     bool extended = false;        // 29-bit identifiers
+    bool json = false;
 };
 
 /**
@@ -28,7 +32,7 @@ struct options {
  * @retval -1  options are complete, go on
  * @return the exit status otherwise
  */
-int parse_options(int argc, char *argv[], options &result);
+int parse_options(std::span<char *const> arguments, options &result);
 
 /** A decimal number of milliseconds, 0 to one day. @return -1 when it is none */
 int64_t parse_milliseconds(const char *text);

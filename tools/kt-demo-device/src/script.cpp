@@ -2,11 +2,14 @@
 
 #include "frame_text.h"
 #include "options.h"
+#include "program/output.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
 #include <string_view>
 
@@ -67,14 +70,20 @@ bool is_blank(const std::string &line) {
     return first == std::string::npos || line[first] == '#';
 }
 
+int refuse(std::initializer_list<std::string_view> problem) {
+    std::string text;
+    for (const std::string_view part : problem) {
+        text += part;
+    }
+    (void)program::complain(program::status_usage, text);
+    return -1;
+}
+
 } // namespace
 
 int read_script(const std::string &path, std::vector<script_step> &steps) {
+    errno = 0;
     std::ifstream file(path);
-    if (!file) {
-        (void)fprintf(stderr, "kt-demo-device: cannot read %s\n", path.c_str());
-        return -1;
-    }
     std::vector<script_step> read;
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
@@ -83,14 +92,12 @@ int read_script(const std::string &path, std::vector<script_step> &steps) {
             continue;
         }
         if (!parse_line(line, step)) {
-            (void)fprintf(stderr,
-                          "kt-demo-device: %s:%d: no script line: %s\n",
-                          path.c_str(),
-                          number,
-                          line.c_str());
-            return -1;
+            return refuse({path, ":", std::to_string(number), ": no script line: ", line});
         }
         read.push_back(step);
+    }
+    if (!file.eof()) { // a folder opens, but does not read
+        return refuse({"cannot read ", path, ": ", strerror(errno)});
     }
     std::stable_sort(
         read.begin(), read.end(), [](const auto &a, const auto &b) { return a.at_ms < b.at_ms; });

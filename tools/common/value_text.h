@@ -1,5 +1,5 @@
-#ifndef KT_TAG_VALUE_TEXT_H
-#define KT_TAG_VALUE_TEXT_H
+#ifndef KT_TOOLS_VALUE_TEXT_H
+#define KT_TOOLS_VALUE_TEXT_H
 
 #include <kt/dx_client.h>
 
@@ -11,6 +11,9 @@ const char *type_name(int type);
 
 /** True when the value is a number, raw bytes otherwise. */
 bool type_is_number(int type);
+
+/** True when the value is an integer. */
+bool type_is_integer(int type);
 
 /** Decimal text of a number ("nan" and "inf" where it is none), hexadecimal text of raw bytes. */
 std::string value_text(const dx_tag_info &info, const dx_sample &sample);

@@ -173,6 +173,10 @@ bool type_is_number(int type) {
     return find_type(type).what != kind::raw;
 }
 
+bool type_is_integer(int type) {
+    return type_is_number(type) && find_type(type).what != kind::real;
+}
+
 std::string value_text(const dx_tag_info &info, const dx_sample &sample) {
     const value_type &type = find_type(info.type);
     switch (type.what) {
