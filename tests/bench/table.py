@@ -1,4 +1,4 @@
-"""Print a short table from the reports of bench_rest and bench_import.
+"""Print a short table from the reports of bench_rest, bench_import and, if there, bench_watch.
 
 Times are processor time, the least of the repetitions: what a loaded machine disturbs least.
 """
@@ -17,6 +17,11 @@ MEMORY = (
     ("behind 50 MiB of skipped lines", "memory_skipped_lines"),
     ("16 times over", "memory_sections_again"),
 )
+PAUSES = (
+    ("frames without a pause", 0),
+    ("a frame each millisecond", 1000),
+    ("a frame each 20 ms", 20000),
+)
 
 
 def least(runs: list[dict], name: str) -> float:
@@ -32,10 +37,24 @@ def least(runs: list[dict], name: str) -> float:
     return min(times)
 
 
+def print_watch(runs: list[dict]) -> None:
+    print(f"{'tags of a frame, watched by':38}{'nobody':>11}{'the bridge':>24}{'an eager one':>24}")
+    for title, pause in PAUSES:
+        line = f"  {title:36}"
+        for watcher in ("nobody", "bridge", "eager"):
+            found = [run for run in runs if run["run_type"] == "iteration"
+                     and run["run_name"].startswith(f"frame_{watcher}/{pause}/")]
+            time = min(run["real_time"] for run in found) / 1000
+            line += f"{time:8.1f} us"
+            if watcher != "nobody":
+                line += f"{max(run['wake_ups'] for run in found):6.2f} wakes"
+        print(line)
+
+
 def main() -> None:
     runs = []
     for path in sys.argv[1:]:
-        with open(path, encoding="utf-8") as file:
+        with open(f"{path}.json", encoding="utf-8") as file:
             runs += json.load(file)["benchmarks"]
     print(f"{'':38}{'service':>11}{'its SQL':>11}{'ratio':>8}{'goal':>6}{'prepared SQL':>14}")
     for title, name, devices in REQUESTS:
@@ -54,6 +73,8 @@ def main() -> None:
         size = found[0]["file_bytes"] / 1024
         peak = min(run["peak_KiB"] for run in found)
         print(f"  {title:36}{size:7.0f} KiB{peak:9.0f} KiB")
+    if any(run["name"].startswith("frame_nobody") for run in runs):
+        print_watch(runs)
 
 
 if __name__ == "__main__":
