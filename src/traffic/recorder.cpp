@@ -134,7 +134,8 @@ int append_line(FILE *file, long size, const char *text, const char *end) {
     if (fputs(text, file) >= 0 && fputs(end, file) >= 0 && fflush(file) == 0) {
         return 0;
     }
-    (void)ftruncate(fileno(file), size); // the disk is full; nothing else can be done
+    // The disk is full; when this fails, too, nothing else can be done.
+    [[maybe_unused]] const int cut = ftruncate(fileno(file), size);
     return -5;
 }
 

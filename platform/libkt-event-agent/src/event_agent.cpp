@@ -136,7 +136,8 @@ int append_line(const event_file &file, const std::string &line) {
         return 0;
     }
     if (written > 0 && file.locked) {
-        (void)ftruncate(file.fd.get(), file.size); // disk full: what remains is half a line
+        // Disk full: when this fails, too, half a line remains.
+        [[maybe_unused]] const int cut = ftruncate(file.fd.get(), file.size);
     }
     return -1;
 }
