@@ -13,6 +13,8 @@ from kt_system import lane  # noqa: E402
 from kt_system.bus import Bus, Candump  # noqa: E402
 from kt_system.device import DemoDevice  # noqa: E402
 from kt_system.gateway import Gateway  # noqa: E402
+from kt_system.mqtt import Bridge, Broker, Client, Subscriber  # noqa: E402
+from kt_system.provider import Provider  # noqa: E402
 from kt_system.rest import Rest  # noqa: E402
 
 
@@ -29,10 +31,19 @@ WITHOUT_KERNEL = {
     "config_file_export_test",
     "config_file_import_test",
     "configuration_guide_test",
+    "dev_test",
     "documents_test",
     "kt_tag_test",
+    "live_view_test",
     "model_configuration_test",
     "model_self_test",
+    "mqtt_broker_test",
+    "mqtt_guide_test",
+    "mqtt_service_test",
+    "mqtt_sparkplug_test",
+    "mqtt_value_test",
+    "mqtt_write_test",
+    "programs_test",
     "rest_bad_input_test",
     "rest_clients_test",
     "rest_device_test",
@@ -109,6 +120,65 @@ def demo_device(gateway):
         return running[-1]
 
     yield make
+    for process in running:
+        assert process.stop() == 0, process.errors
+
+
+@pytest.fixture
+def provider(gateway):
+    """provider(*tags): a running provider of NAME:TYPE:SIZE:MODE in the gateway's tag store."""
+    running = []
+
+    def start(*tags: str) -> Provider:
+        running.append(Provider(gateway.environment, *tags))
+        return running[-1]
+
+    yield start
+    for process in running:
+        process.close()
+
+
+@pytest.fixture
+def broker(tmp_path):
+    """A running MQTT broker that takes everybody."""
+    server = Broker(tmp_path)
+    server.start()
+    yield server
+    server.close()
+
+
+@pytest.fixture
+def mqtt(broker):
+    """A client of the broker."""
+    return Client(broker)
+
+
+@pytest.fixture
+def subscribe(mqtt):
+    """subscribe(*filters): what the broker sends for them, retained messages first."""
+    running = []
+
+    def start(*filters: str) -> Subscriber:
+        running.append(mqtt.subscribe(*filters))
+        return running[-1]
+
+    yield start
+    for process in running:
+        process.stop()
+
+
+@pytest.fixture
+def bridge(gateway, broker, tmp_path):
+    """bridge(**settings): kt-dx-mqtt between the gateway's tag store and the broker. At the end of
+    a test it must stop with status 0."""
+    running = []
+
+    def start(**settings) -> Bridge:
+        where = settings.pop("broker", broker)
+        running.append(Bridge(tmp_path, gateway.environment, where, **settings))
+        return running[-1]
+
+    yield start
     for process in running:
         assert process.stop() == 0, process.errors
 

@@ -1,8 +1,9 @@
 """Documents whose commands are run.
 
 Commands stand in the indented blocks of a document. In a block that begins with "$ " they do so
-behind that prompt, each above what it prints; a command goes on while a quote is open. In the text
-of an answer "..." stands for whatever is there. In the other blocks each line is a command.
+behind that prompt, each above what it prints; a command goes on while a quote is open and behind a
+backslash at the end of a line. In the text of an answer "..." stands for whatever is there. In the
+other blocks each line is a command.
 """
 
 import contextlib
@@ -39,13 +40,15 @@ class Command(NamedTuple):
         words = _words(self.text)
         if words[0] == "curl":
             return not {"-d", "-F", "-X"} & set(words)
+        if words[0] == "mosquitto_sub":
+            return True
         return "cansend" not in words and (words[0] == "candump" or words[1] in ("get", "list"))
 
     @property
     def only_writes(self) -> bool:
         """It sends a frame or writes a tag; once more does no harm."""
         words = _words(self.text)
-        return "cansend" in words or words[:2] == ["kt-tag", "set"]
+        return "cansend" in words or words[0] == "mosquitto_pub" or words[:2] == ["kt-tag", "set"]
 
 
 def _words(text: str) -> list[str]:
