@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 """The demonstration's configuration, by way of the service's own REST API.
 
-demonstration.py load --service PID   load it into an empty configuration, apply it and wait until
-                                      the ports run it; a configuration with devices stays as it is
+demonstration.py load --service PID --log FILE
+                                      load it into an empty configuration, apply it and wait until
+                                      the ports run it; a configuration with devices stays as it is.
+                                      A log that says why there is no REST API ends that at once
 demonstration.py nodes PORT_ID        options of kt-demo-device for the devices of the demonstration
                                       that the configuration has on that port, nothing without any
 
@@ -25,10 +27,15 @@ POLL_S = 0.1
 PATIENCE_S = 20.0
 APPLY, DISCARD = {"option": 0}, {"option": 1}
 EXTENDED = 1
+SAID_WHY = 2  # exit status: nothing need be added
 
 
 class Refused(Exception):
     """An answer that is no success, with its body."""
+
+
+class NoApi(Exception):
+    """The service says why it has no REST API."""
 
 
 def say(text: str) -> None:
@@ -81,28 +88,44 @@ class Api:
         return json.loads(content)["data"]
 
 
-def is_alive(pid: int) -> bool:
-    try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
-        return False
-    return True
+class Service:
+    """The process, and what it says."""
+
+    def __init__(self, pid: int, log: str):
+        self._pid = pid
+        self._log = pathlib.Path(log)
+
+    def is_alive(self) -> bool:
+        try:
+            os.kill(self._pid, 0)
+            state = pathlib.Path(f"/proc/{self._pid}/stat").read_text("latin-1")
+        except (ProcessLookupError, FileNotFoundError):
+            return False
+        return state.rpartition(")")[2].split()[0] != "Z"  # ended, and not waited for yet
+
+    def rest_refusal(self) -> str:
+        """Why it has no REST API, in its own words."""
+        lines = self._log.read_text("utf-8", "replace").splitlines()
+        return next((line for line in lines if line.startswith("kt-rest: ")), "")
 
 
-def wait_until(predicate, service: int, what: str) -> None:
+def wait_until(predicate, service: Service, what: str) -> None:
     """Poll; an answer that is no success counts as not yet, and is named when time is up."""
     deadline = time.monotonic() + PATIENCE_S
     reason = ""
-    while is_alive(service) and time.monotonic() < deadline:
+    while service.is_alive() and time.monotonic() < deadline:
         try:
             if predicate():
                 return
             reason = ""
         except (OSError, http.client.HTTPException, Refused) as error:
             reason = f" ({error})"
+            if service.rest_refusal():
+                raise NoApi(service.rest_refusal()) from error
         time.sleep(POLL_S)
-    state = "" if is_alive(service) else ", the service has ended"
-    raise Refused(f"{what}: not within {PATIENCE_S:g} s{state}{reason}")
+    if not service.is_alive():
+        raise Refused(f"the service has ended before {what}")
+    raise Refused(f"not within {PATIENCE_S:g} s: {what}{reason}")
 
 
 def run_transactions(api: Api, port: int) -> set[tuple[str, str]]:
@@ -124,8 +147,8 @@ def demonstration() -> list[dict]:
     return [json.loads(path.read_text("utf-8")) for path in sorted(FOLDER.glob("*.json"))]
 
 
-def load(api: Api, service: int) -> None:
-    wait_until(lambda: run_transactions(api, 1) is not None, service, "the REST API to answer")
+def load(api: Api, service: Service) -> None:
+    wait_until(lambda: run_transactions(api, 1) is not None, service, "its REST API answers")
     overview = api.request("GET", "/overview")
     if any(port["deviceNum"] for port in overview["portList"]):
         say("the configuration has devices already, it stays as it is")
@@ -143,7 +166,7 @@ def load(api: Api, service: int) -> None:
         wait_until(
             lambda p=port, w=wanted: w <= run_transactions(api, p),
             service,
-            f"port {port} to run the demonstration",
+            f"port {port} runs the demonstration",
         )
     names = ", ".join(device["deviceName"] for device in devices)
     say(f"loaded and applied the demonstration through the REST API: {names}")
@@ -164,15 +187,19 @@ def main() -> int:
     commands = parser.add_subparsers(dest="command", required=True)
     command = commands.add_parser("load")
     command.add_argument("--service", type=int, required=True, help="process of the service")
+    command.add_argument("--log", required=True, help="file with what it says")
     command = commands.add_parser("nodes")
     command.add_argument("port", type=int, metavar="PORT_ID")
     arguments = parser.parse_args()
     try:
         api = Api()
         if arguments.command == "load":
-            load(api, arguments.service)
+            load(api, Service(arguments.service, arguments.log))
         else:
             nodes(api, arguments.port)
+    except NoApi as error:
+        print(f"run: {error}", file=sys.stderr)
+        return SAID_WHY
     except (OSError, http.client.HTTPException, Refused) as error:
         print(f"run: {error}", file=sys.stderr)
         return 1

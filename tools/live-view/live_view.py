@@ -1,237 +1,241 @@
 #!/usr/bin/python3
 """Live view of the service in a terminal: tag values above, CAN frames below.
 
-live_view.py --ports can0,can1 --kt-tag PROGRAM [--hint TEXT]
+live_view.py --ports can0,can1 --kt-tag PROGRAM --rest URL
 
-Tags are asked from kt-tag, frames from candump. On a terminal the view is redrawn twice a second;
-elsewhere every changed tag and every frame is one line. Ends with status 0 on SIGINT or SIGTERM.
+Tags are asked from kt-tag, their state from the REST API, frames from candump. On a terminal the
+view is redrawn twice a second; elsewhere, and on a terminal that knows no control characters, every
+changed tag and every frame is one line. NO_COLOR leaves colours and other styles out. Ends with
+status 0 on SIGINT or SIGTERM, 129 when the terminal is closed, 141 when the reader of a pipe has
+gone.
 """
 
 import argparse
-import collections
-import json
+import contextlib
 import os
-import pathlib
-import signal
+import select
+import shlex
 import shutil
-import sqlite3
-import subprocess
+import signal
 import sys
+import termios
 import threading
 import time
-from typing import NamedTuple
+
+import screen
+from frames import Frames
+from state import PREFIX, Poller, Snapshot
 
 REFRESH_S = 0.5
-RATE_WINDOW_S = 5.0
-FRAMES_KEPT = 200
-PREFIX = "can_proprietary/"
-WORKING_DB = "/run/config/kt-can-proprietary/can_proprietary.db"
-STATUS_TEXT = {"0": "ok", str(-0x80000000): "not seen", str(-0x7FFFFFFF): "timeout"}
-FLOAT_TYPES = (9, 10)
-BOLD, DIM, RED, GREEN, RESET = "\x1b[1m", "\x1b[2m", "\x1b[91m", "\x1b[92m", "\x1b[0m"
+PORTS_EVERY_S = 5.0
+ENTER = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J"
+LEAVE = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l"
+EXAMPLE_TAG, EXAMPLE_VALUE = "drive/control_target", "900"
 
 
-class Tag(NamedTuple):
-    device: str
-    name: str  # without the device
-    value: str
-    age_ms: int
-    mode: str
+def words(*parts: str) -> str:
+    return " ".join(shlex.quote(part) for part in parts)
 
 
-class Frame(NamedTuple):
-    time: float  # monotonic, of its arrival here
-    port: str
-    text: str
+def curl_options() -> list[str]:
+    """What a client needs to be let in; the certificate need not name this machine."""
+    options = []
+    if os.environ.get("KT_REST_TLS_CERT"):
+        options.append("--insecure")
+    token = os.environ.get("KT_REST_TOKEN_FILE")
+    if token:
+        options.append(f'-H "Authorization: Bearer $(cat {shlex.quote(os.path.abspath(token))})"')
+    return options
 
 
-def value_text(value, kind: int) -> str:
-    if value is None:
-        return "not a number"
-    return f"{value:.2f}" if kind in FLOAT_TYPES else str(value)
-
-
-def read_tags(program: str) -> list[Tag]:
-    """Every tag, none while there is no store."""
-    result = subprocess.run(
-        [program, "list", PREFIX + "*", "--json"],
-        stdin=subprocess.DEVNULL,
-        capture_output=True,
-        text=True,
-        errors="replace",
-    )
-    tags = []
-    for line in result.stdout.splitlines():
-        item = json.loads(line)
-        device, _, name = item["name"].removeprefix(PREFIX).partition("/")
-        value = value_text(item["value"], item["type"])
-        tags.append(Tag(device, name, value, item["age_ms"], item["mode"]))
-    return tags
-
-
-def device_ports(ports: list[str]) -> dict[str, str]:
-    """Which port each device is on, as the service's working copy says."""
-    path = pathlib.Path(os.environ.get("KT_ROOT", "") + WORKING_DB)
+def bus_prefix(kt_tag: str) -> list[str]:
+    """How another terminal gets to the ports: those of the kernel are there already."""
+    world = os.environ.get("KT_SOFTCAN", "")
+    if not world:
+        return []
+    program = os.path.join(os.path.dirname(kt_tag), "kt-softcan")
+    folder = os.path.dirname(world)
     try:
-        db = sqlite3.connect(f"file:{path}?mode=ro", uri=True, timeout=1)
-        rows = db.execute("SELECT deviceName, portId FROM device").fetchall()
-        db.close()
-    except sqlite3.Error:
-        return {}
-    return {name: ports[port - 1] for name, port in rows if 1 <= port <= len(ports)}
+        alone = sum(name.endswith(".sock") for name in os.listdir(folder)) == 1
+    except OSError:
+        alone = False
+    named = [] if alone and "KT_SOFTCAN_DIR" not in os.environ else ["--world", world]
+    return [program, "join", *named, "--"]
 
 
-class Frames:
-    """Follows the ports through candump, started again when it ends."""
+def commands_to_try(arguments, snapshot: Snapshot, ports: list[str]) -> list[str]:
+    """Commands for another terminal, each complete in itself."""
+    ids = snapshot.configuration.device_ids.values()
+    path = f"/device?deviceId={min(ids)}" if ids else "/overview"
+    curl = " ".join(["curl -s", *curl_options(), shlex.quote(arguments.rest + path)])
+    mqtt_port = os.environ.get("KT_LIVE_MQTT_PORT")
+    subscribe = f"mosquitto_sub -p {mqtt_port} -v -t 'kt/gateway/#'"
+    found = [subscribe if mqtt_port else f"{curl} | python3 -m json.tool"]
+    outputs = [tag for tag in snapshot.tags if not tag.is_input and tag.is_number]
+    chosen = next((tag for tag in outputs if tag.full_name == PREFIX + EXAMPLE_TAG), None)
+    if chosen is None and outputs:
+        chosen = outputs[0]
+    port = chosen.port if chosen and chosen.port in ports else ports[0]
+    if chosen:
+        value = EXAMPLE_VALUE if chosen.full_name == PREFIX + EXAMPLE_TAG else "1"
+        setting = words(arguments.kt_tag, "set", chosen.full_name, value)
+        root = os.environ.get("KT_ROOT", "")
+        found.append((f"KT_ROOT={shlex.quote(root)} " if root else "") + setting)
+    found.append(words(*bus_prefix(arguments.kt_tag), "candump", port))
+    return found
 
-    def __init__(self, ports: list[str], on_frame=None):
-        self.recent: collections.deque[Frame] = collections.deque(maxlen=FRAMES_KEPT)
-        self.times = {port: collections.deque() for port in ports}
-        self._on_frame = on_frame
-        self._lock = threading.Lock()
-        self._stopping = False
-        self._command = ["candump", "-L", "-D", *ports]
-        self._process = self._start()
-        threading.Thread(target=self._read, daemon=True).start()
 
-    def _start(self) -> subprocess.Popen:
-        return subprocess.Popen(
-            self._command,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL,
-            text=True,
-            errors="replace",
-            start_new_session=True,  # Ctrl-C is for the view, which then ends candump
-        )
+def terminal_size(fd: int) -> tuple[int, int]:
+    try:
+        width, height = os.get_terminal_size(fd)
+    except OSError:
+        width = height = 0
+    return width or 80, height or 24
 
-    def _read(self) -> None:
-        while not self._stopping:
-            for line in self._process.stdout:
-                self._take(line.split())
-            self._process.wait()
-            if not self._stopping:
-                time.sleep(REFRESH_S)
-                self._process = self._start()
 
-    def _take(self, words: list[str]) -> None:
-        if len(words) != 3 or words[1] not in self.times:
-            return
-        frame = Frame(time.monotonic(), words[1], words[2])
-        with self._lock:
-            self.recent.append(frame)
-            self.times[frame.port].append(frame.time)
-        if self._on_frame:
-            self._on_frame(frame)
+class Terminal:
+    """The other screen of the terminal, silent towards the keyboard but for its signals."""
 
-    def rates(self) -> dict[str, float]:
-        """Frames per second of each port."""
-        oldest = time.monotonic() - RATE_WINDOW_S
-        with self._lock:
-            for times in self.times.values():
-                while times and times[0] < oldest:
-                    times.popleft()
-            return {port: len(times) / RATE_WINDOW_S for port, times in self.times.items()}
+    def __init__(self):
+        self._fd = sys.stdout.fileno()
+        self._before = None
 
-    def last(self, count: int) -> list[Frame]:
-        with self._lock:
-            return list(self.recent)[-count:] if count > 0 else []
+    def __enter__(self):
+        try:
+            self._before = termios.tcgetattr(self._fd)
+            silent = termios.tcgetattr(self._fd)
+            silent[3] &= ~termios.ECHO
+            silent[6][termios.VSUSP] = b"\0"  # a stopped view would leave the screen as it is
+            termios.tcsetattr(self._fd, termios.TCSANOW, silent)
+        except termios.error:
+            self._before = None
+        self.write(ENTER)
+        return self
+
+    def write(self, text: str) -> None:
+        sys.stdout.write(text)
+        sys.stdout.flush()
+
+    def __exit__(self, *_):
+        try:
+            self.write(LEAVE)
+            if self._before:
+                termios.tcsetattr(self._fd, termios.TCSAFLUSH, self._before)
+        except (OSError, termios.error):
+            pass  # the terminal is closed
+
+
+class Run:
+    """Frames and tags, and the wish to end."""
+
+    def __init__(self, arguments):
+        self.arguments = arguments
+        self.ports = arguments.ports.split(",")
+        self.begin = time.monotonic()
+        # A signal handler may come at any moment, also while a lock is held: it only writes here.
+        self._woken, self._waker = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+        self.stopped = False
+        self.reader_gone = False  # of the pipe, or the terminal
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
+            signal.signal(number, self._stop)
+        signal.signal(signal.SIGWINCH, self.wake)
+
+    def wake(self, *_) -> None:
+        with contextlib.suppress(BlockingIOError):  # full: it is awake
+            os.write(self._waker, b".")
+
+    def _stop(self, *_) -> None:
+        self.stopped = True
+        self.wake()
 
     def stop(self) -> None:
-        self._stopping = True
-        self._process.terminate()
-        self._process.wait()
+        self._stop()
+
+    def ticks(self):
+        """At least twice a second, until the end is wished for."""
+        while not self.stopped:
+            yield
+            if select.select([self._woken], [], [], REFRESH_S)[0]:
+                os.read(self._woken, 4096)
+
+    def start(self, on_frame=None) -> tuple[Frames, Poller]:
+        frames = Frames(self.ports, on_frame)
+        return frames, Poller(self.arguments.kt_tag, self.ports, frames.latest, self.wake)
 
 
-def age_text(age_ms: int) -> str:
-    return f"{age_ms} ms" if age_ms < 10000 else f"{age_ms // 1000} s"
-
-
-def frame_text(text: str) -> str:
-    """ "123#0102" as " 123  [2]  01 02"."""
-    identifier, _, data = text.partition("#")
-    if data.startswith("R"):
-        return f"{identifier:>8}  [{data[1:] or 0}]  remote request"
-    pairs = [data[i : i + 2] for i in range(0, len(data), 2)]
-    return f"{identifier:>8}  [{len(pairs)}]  {' '.join(pairs)}"
-
-
-def status_line(tags: list[Tag]) -> str:
-    parts = []
-    for tag in tags:
-        if tag.name == "status":
-            text = STATUS_TEXT.get(tag.value, tag.value)
-            color = GREEN if text == "ok" else RED
-            parts.append(f"{tag.device} {color}{text}{RESET}")
-    return "devices: " + (", ".join(parts) or "none yet")
-
-
-def tag_lines(tags: list[Tag], ports: dict[str, str], room: int) -> list[str]:
-    shown = [tag for tag in tags if tag.name != "status"]
-    lines = [
-        f"{ports.get(tag.device, '-'):6} {tag.device:10.10} {tag.name:26.26} "
-        f"{tag.value:>18.18} {age_text(tag.age_ms):>9}  {'<-' if tag.mode == 'wo' else ''}"
-        for tag in shown
-    ]
-    if len(lines) > room:
-        lines[room - 1 :] = [f"{DIM}... {len(lines) - room + 1} more{RESET}"]
-    return lines
-
-
-def draw(tags: list[Tag], ports: dict[str, str], frames: Frames, hint: str) -> None:
-    width, height = shutil.get_terminal_size((80, 24))
-    rates = "   ".join(f"{port} {rate:.0f} frames/s" for port, rate in frames.rates().items())
-    lines = [
-        f"{BOLD}kt-can-proprietary{RESET}   {status_line(tags)}",
-        f"{DIM}{'port':6} {'device':10} {'tag':26} {'value':>18} {'age':>9}{RESET}",
-        *tag_lines(tags, ports, max(1, height - 8)),
-        f"{BOLD}frames{RESET}   {rates}   {DIM}Ctrl-C ends{RESET}",
-    ]
-    now = time.monotonic()
-    for frame in frames.last(height - len(lines) - 1):
-        lines.append(f"{frame.port:6} {frame_text(frame.text):42} {now - frame.time:6.1f} s ago")
-    lines[height - 1 :] = []
-    lines += [""] * (height - 1 - len(lines))
-    lines.append(f"{DIM}{hint[: width - 1]}{RESET}")
-    sys.stdout.write("\x1b[H" + "\x1b[K\n".join(lines) + "\x1b[K")
-    sys.stdout.flush()
-
-
-def run_terminal(arguments, ports: list[str], stopped: threading.Event) -> None:
-    frames = Frames(ports)
-    sys.stdout.write("\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J")
+def run_terminal(run: Run) -> None:
+    colored = not os.environ.get("NO_COLOR")
+    page = screen.Page(run.ports, run.arguments.rest, run.begin)
+    frames, poller = run.start()
     try:
-        while not stopped.wait(REFRESH_S):
-            draw(read_tags(arguments.kt_tag), device_ports(ports), frames, arguments.hint)
+        with Terminal() as terminal:
+            for _ in run.ticks():
+                snapshot = poller.snapshot
+                commands = commands_to_try(run.arguments, snapshot, run.ports)
+                size = terminal_size(sys.stdout.fileno())
+                now = time.monotonic()
+                lines = screen.compose(page, snapshot, frames, commands, size, now)
+                terminal.write(screen.rendered(lines, colored))
     finally:
-        sys.stdout.write("\x1b[?7h\x1b[?25h\x1b[?1049l")
-        sys.stdout.flush()
+        poller.stop()
         frames.stop()
 
 
-def run_plain(arguments, ports: list[str], stopped: threading.Event) -> None:
-    """One line per frame and per changed tag, for a log or a pipe."""
-    lock = threading.Lock()
+class PlainView:
+    """One line per frame, per changed tag or state and, now and then, per port."""
 
-    def say(line: str) -> None:
-        with lock:
+    def __init__(self, run: Run):
+        self._run = run
+        self._lock = threading.Lock()
+        self._known: dict[str, str] = {}
+        self._states: dict[str, str] = {}
+        self._problem = ""
+
+    def say(self, line: str) -> None:
+        with self._lock:
             try:
                 print(line, flush=True)
-            except BrokenPipeError:  # the reader of a pipe has gone
+            except OSError:
                 drop_output()
-                stopped.set()
+                self._run.reader_gone = True
+                self._run.stop()
 
-    frames = Frames(ports, lambda frame: say(f"frame {frame.port} {frame.text}"))
-    known: dict[str, str] = {}
-    try:
-        while not stopped.wait(REFRESH_S):
-            for tag in read_tags(arguments.kt_tag):
-                name = f"{PREFIX}{tag.device}/{tag.name}"
-                if known.get(name) != tag.value:
-                    known[name] = tag.value
-                    say(f"tag {name} {tag.value}")
-    finally:
-        frames.stop()
+    def show(self, snapshot: Snapshot) -> None:
+        if snapshot.problem != self._problem:
+            self._problem = snapshot.problem
+            self.say(f"problem {snapshot.problem or 'none any more'}")
+        for tag in snapshot.tags:
+            if self._known.get(tag.full_name) != tag.value:
+                self._known[tag.full_name] = tag.value
+                self.say(f"tag {tag.full_name} {tag.value}")
+            if self._states.get(tag.full_name, "") != tag.state:
+                self._states[tag.full_name] = tag.state
+                self.say(f"state {tag.full_name} {tag.state or 'fresh'}")
+
+    def run(self) -> None:
+        run = self._run
+        frames, poller = run.start(lambda frame: self.say(f"frame {frame.port} {frame.text}"))
+        shown = None
+        told = False
+        ports_at = run.begin + PORTS_EVERY_S
+        try:
+            for _ in run.ticks():
+                snapshot = poller.snapshot
+                if snapshot is not shown and snapshot.tags:
+                    shown = snapshot
+                    self.show(snapshot)
+                    if not told:
+                        told = True
+                        for command in commands_to_try(run.arguments, snapshot, run.ports):
+                            self.say(f"try: {command}")
+                if time.monotonic() >= ports_at:
+                    ports_at += PORTS_EVERY_S
+                    for port, traffic in frames.traffic().items():
+                        rate = snapshot.bit_rates.get(port)
+                        self.say(f"port {screen.port_text(port, traffic, rate)}")
+        finally:
+            poller.stop()
+            frames.stop()
 
 
 def drop_output() -> None:
@@ -242,16 +246,22 @@ def main() -> int:
     parser = argparse.ArgumentParser(description="Live view of tags and CAN frames.")
     parser.add_argument("--ports", required=True, help="CAN interfaces, e.g. can0,can1")
     parser.add_argument("--kt-tag", required=True, help="the kt-tag program")
-    parser.add_argument("--hint", default="", help="text of the last line")
-    arguments = parser.parse_args()
-    stopped = threading.Event()
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda *_: stopped.set())
-    run = run_terminal if sys.stdout.isatty() else run_plain
+    parser.add_argument("--rest", required=True, help="address of the REST API")
+    run = Run(parser.parse_args())
+    is_terminal = sys.stdout.isatty()
+    if not shutil.which("candump"):
+        print("run: candump is missing (package can-utils)", file=sys.stderr)
+        return 1
     try:
-        run(arguments, arguments.ports.split(","), stopped)
-    except BrokenPipeError:
+        if is_terminal and os.environ.get("TERM", "") not in ("", "dumb"):
+            run_terminal(run)
+        else:
+            PlainView(run).run()
+    except OSError:
+        run.reader_gone = True
+    if run.reader_gone:
         drop_output()
+        return 128 + (signal.SIGHUP if is_terminal else signal.SIGPIPE)
     return 0
 
 

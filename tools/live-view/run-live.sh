@@ -1,19 +1,27 @@
 #!/bin/bash
 # The service on live CAN traffic until Ctrl-C.
 #
-#   run-live.sh BIN [--bare]
+#   run-live.sh BIN [--bare | --mqtt]
 #
 # Uses the machine's CAN interfaces, or the two of a bus world of its own where there are none.
 # Files go below KT_ROOT, by default a scratch folder that is removed at the end. Without --bare: a
 # demonstration configuration, loaded through the REST API into a service that has no devices, the
-# demonstration devices that the configuration knows, and the live view.
+# demonstration devices that the configuration knows, and the live view; with --mqtt a broker of its
+# own on loopback, too, and the bridge to it.
+#
+# Exit status: 0 after Ctrl-C, 128 + number after another signal or when the terminal (129) or the
+# reader of a pipe (141) has gone, 1 when something that it started has ended by itself.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source_root=$(cd "$here/../.." && pwd)
 bin=$1
 shift
-bare=
-[ "${1:-}" != --bare ] || bare=1
+bare='' mqtt=''
+case ${1:-} in
+    --bare) bare=$1; shift ;;
+    --mqtt) mqtt=$1; shift ;;
+esac
+[ $# = 0 ] || { echo "run: unknown argument $1" >&2; exit 2; }
 
 say() { echo "run: $*"; }
 
@@ -38,7 +46,9 @@ if [ -z "${KT_LIVE_PORTS:-}" ]; then
         say "no CAN interfaces here, using the virtual ports can0 and can1"
         say "to enter their bus from another terminal: $bin/kt-softcan join -- candump can0"
         export KT_LIVE_PORTS=can0,can1
-        exec "$bin/kt-softcan" run --ports can0,can1 -- "${BASH_SOURCE[0]}" "$bin" ${bare:+--bare}
+        worlds=${KT_SOFTCAN_DIR:-/tmp/kt-softcan-$(id -u)}
+        [ -e "$worlds" ] || export KT_LIVE_WORLDS="$worlds"
+        exec "$bin/kt-softcan" run --ports can0,can1 -- "${BASH_SOURCE[0]}" "$bin" $bare $mqtt
     fi
     export KT_LIVE_PORTS=$found
     say "using the CAN interfaces $found"
@@ -53,6 +63,7 @@ fi
 log=$KT_ROOT/service.log
 
 started=()
+terminal='' ended='' ended_status=0 ended_log=''
 
 # Ask each process to stop, and insist after five seconds.
 stop_all() {
@@ -71,14 +82,46 @@ stop_all() {
 }
 
 cleanup() {
-    trap '' INT TERM HUP
+    trap '' HUP INT QUIT TERM PIPE
     stop_all "${started[@]}"
+    restore_terminal
+    [ -z "$ended" ] || tell_end >&2 || true
     [ -z "$scratch" ] || rm -rf "$scratch"
-    say "everything is stopped"
+    remove_worlds
+    say "everything is stopped" 2>/dev/null || true # the terminal may be gone
+}
+
+# The view does so itself unless it was killed.
+restore_terminal() {
+    [ -n "$terminal" ] || return 0
+    # Not for ever: a terminal that takes no output would have it wait.
+    { timeout --foreground 2 stty "$terminal" </dev/tty; } 2>/dev/null || true
+    [ "$ended" != "the live view" ] || printf '\e[0m\e[?7h\e[?25h\e[?1049l' 2>/dev/null || true
+}
+
+# The folder of bus worlds, if it came with this one and no other has come since.
+remove_worlds() {
+    [ -n "${KT_LIVE_WORLDS:-}" ] || return 0
+    rm -f "$KT_SOFTCAN"
+    rmdir "$KT_LIVE_WORLDS" 2>/dev/null || true
+}
+
+# What has ended by itself, how, and its last words
+tell_end() {
+    local how="status $ended_status" signal
+    [ "$ended_status" -le 128 ] || ! signal=$(kill -l "$ended_status" 2>/dev/null) ||
+        how+=", signal $signal"
+    echo "run: $ended has ended ($how)"
+    [ -n "$ended_log" ] || return 0
+    [ -s "$ended_log" ] || { echo "run: it had nothing to say"; return 0; }
+    echo "run: the last lines of its log:"
+    tail -n 15 "$ended_log"
 }
 trap cleanup EXIT
+trap 'exit 129' HUP
 trap 'exit 0' INT
-trap 'exit 143' TERM HUP
+trap 'exit 131' QUIT
+trap 'exit 143' TERM
 
 # Wait for a background process: a signal is acted upon at once, and no redirection holds then.
 attend() {
@@ -105,8 +148,9 @@ play() {
     attend $!
     read -ra options <"$KT_ROOT/nodes$number" || true
     [ ${#options[@]} -gt 0 ] || return 0
-    "$bin/kt-demo-device" --port "$port" "${options[@]}" >"$KT_ROOT/device$number.log" &
+    "$bin/kt-demo-device" --port "$port" "${options[@]}" >"$KT_ROOT/device$number.log" 2>&1 &
     started+=($!)
+    names[$!]="the demonstration device on $port" logs[$!]=$KT_ROOT/device$number.log
     case " ${options[*]} " in
         *" drive "*)
             set_tag can_proprietary/drive/control_command 1
@@ -115,42 +159,92 @@ play() {
     esac
 }
 
+# Until one of the processes ends by itself.
+watch_over() {
+    local pid=
+    wait -n -p pid "${!names[@]}" 2>/dev/null || ended_status=$?
+    case ${names[$pid]}:$ended_status in
+        # It was asked to end, or nobody looks any more.
+        "the live view:0" | "the live view:129" | "the live view:141") exit "$ended_status" ;;
+    esac
+    ended=${names[$pid]} ended_log=${logs[$pid]:-}
+    exit 1
+}
+
+# Nobody chose an address: the default one, unless another program has it.
+choose_address() {
+    [ -z "${KT_REST_LISTEN:-}" ] || return 0
+    (: <>/dev/tcp/127.0.0.1/8080) 2>/dev/null || return 0
+    export KT_REST_LISTEN=127.0.0.1:0
+    say "another program has 127.0.0.1:8080, the REST API takes a free port; it is in $address"
+}
+
+# A broker on loopback and the bridge to it, which the next lines show how to look at.
+start_mqtt() {
+    local port=1883 folder=$KT_ROOT/mqtt
+    mkdir -p "$folder"
+    while (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
+        port=$((port + 1)) # another program has it
+    done
+    printf 'listener %s 127.0.0.1\nallow_anonymous true\n' "$port" >"$folder/mosquitto.conf"
+    printf 'broker_port = %s\nprefix = kt/gateway\nrest_url = %s\n' "$port" "$rest" \
+        >"$folder/bridge.conf"
+    [ -z "${KT_REST_TOKEN_FILE:-}" ] ||
+        echo "rest_token_file = $(realpath "$KT_REST_TOKEN_FILE")" >>"$folder/bridge.conf"
+    mosquitto -c "$folder/mosquitto.conf" >"$folder/mosquitto.log" 2>&1 &
+    started+=($!)
+    names[$!]="the broker" logs[$!]=$folder/mosquitto.log
+    "$bin/kt-dx-mqtt" --config "$folder/bridge.conf" >"$folder/bridge.log" 2>&1 &
+    started+=($!)
+    names[$!]="the bridge" logs[$!]=$folder/bridge.log
+    export KT_LIVE_MQTT_PORT=$port
+    say "MQTT broker: 127.0.0.1:$port; what it gets: mosquitto_sub -p $port -v -t 'kt/gateway/#'"
+}
+
+declare -A names logs
 mkdir -p "$KT_ROOT/etc/default/config/kt-can-proprietary"
 cp "$source_root/schema/can_proprietary.sql" "$KT_ROOT/etc/default/config/kt-can-proprietary/"
+
+# An address left behind by a service that was killed would be asked in vain.
+address=$KT_ROOT/run/kt-rest/CAN-proprietary.address
+rm -f "$address"
+choose_address
 
 if [ -n "$bare" ]; then
     say "the service alone, files below $KT_ROOT"
     "$bin/kt-can-proprietary" &
     started+=($!)
-    wait "${started[0]}"
-    exit
+    names[$!]="the service"
+    watch_over
 fi
 
-# Nobody chose an address: the default one, unless another program has it.
-if [ -z "${KT_REST_LISTEN:-}" ] && (: <>/dev/tcp/127.0.0.1/8080) 2>/dev/null; then
-    export KT_REST_LISTEN=127.0.0.1:0
-fi
-
-# An address left behind by a service that was killed would be asked in vain.
-address=$KT_ROOT/run/kt-rest/CAN-proprietary.address
-rm -f "$address"
-"$bin/kt-can-proprietary" 2>>"$log" &
+say "starting the service, files below $KT_ROOT"
+"$bin/kt-can-proprietary" >>"$log" 2>&1 &
 service=$!
 started+=("$service")
-/usr/bin/python3 "$here/demonstration.py" load --service "$service" &
-if ! attend $!; then
-    say "the service said:"
-    cat "$log" >&2
+names[$service]="the service" logs[$service]=$log
+/usr/bin/python3 "$here/demonstration.py" load --service "$service" --log "$log" &
+loaded=0
+attend $! || loaded=$?
+if [ $loaded != 0 ]; then
+    kill -0 "$service" 2>/dev/null || watch_over
+    [ $loaded != 2 ] || exit 1
+    say "the service said:" >&2
+    tail -n 15 "$log" >&2
     exit 1
 fi
-say "REST API: http${KT_REST_TLS_CERT:+s}://$(cat "$address")/CAN-proprietary"
+rest="http${KT_REST_TLS_CERT:+s}://$(cat "$address")/CAN-proprietary"
+say "REST API: $rest"
+[ -z "$mqtt" ] || start_mqtt
 
 IFS=, read -ra port_names <<<"$KT_LIVE_PORTS"
 play "${port_names[0]}" 1
 [ ${#port_names[@]} -lt 2 ] || play "${port_names[1]}" 2
 
+[ ! -t 1 ] || terminal=$({ stty -g </dev/tty; } 2>/dev/null) || true
 /usr/bin/python3 "$here/live_view.py" --ports "$KT_LIVE_PORTS" --kt-tag "$bin/kt-tag" \
-    --hint "Set: KT_ROOT=$KT_ROOT ${bin#"$PWD"/}/kt-tag set NAME VALUE" &
+    --rest "$rest" &
 view=$!
 started+=("$view")
-wait "$view"
+names[$view]="the live view"
+watch_over
