@@ -4,6 +4,7 @@ import contextlib
 import os
 import re
 import signal
+import socket
 import sqlite3
 import subprocess
 
@@ -20,7 +21,9 @@ KEPT = "run: the configuration has devices already, it stays as it is"
 APPLY = {"option": 0}
 
 
-def live_run(scratch, ports: tuple[str, ...] = lane.PORTS, **variables: str) -> LineReader:
+def live_run(
+    scratch, ports: tuple[str, ...] = lane.PORTS, *arguments: str, **variables: str
+) -> LineReader:
     """The script of ./dev run on ports of this lane, its view written as lines."""
     environment = {
         name: value
@@ -29,7 +32,7 @@ def live_run(scratch, ports: tuple[str, ...] = lane.PORTS, **variables: str) -> 
     }
     environment |= {"KT_LIVE_PORTS": ",".join(ports), "KT_REST_LISTEN": "127.0.0.1:0"}
     environment |= {"TMPDIR": str(scratch), **variables}
-    command = [str(lane.REPO / "tools/live-view/run-live.sh"), str(lane.BIN)]
+    command = [str(lane.REPO / "tools/live-view/run-live.sh"), str(lane.BIN), *arguments]
     return LineReader(command, environment)
 
 
@@ -79,6 +82,19 @@ def test_the_demonstration_ends_on_sigterm_and_leaves_nothing(live, tmp_path):
     live.wait_line("tag can_proprietary/drive/status 0", 30.0)
     live.process.terminate()
     assert live.wait_exit(30.0) == 143
+    assert not list(tmp_path.iterdir())
+
+
+def test_with_mqtt_the_values_reach_a_broker_of_its_own(tmp_path):
+    with live_run(tmp_path, lane.PORTS, "--mqtt") as live:
+        said = live.wait_line("run: MQTT broker: 127.0.0.1:", 30.0)
+        port = re.search(r"mosquitto_sub -p (\d+) -v -t 'kt/gateway/#'$", said)[1]
+        topic = "kt/gateway/tags/can_proprietary/drive/control_speed"
+        with LineReader(["mosquitto_sub", "-p", port, "-t", topic], dict(os.environ)) as values:
+            values.wait_line(re.compile(r'\{"value":[1-9]\d*,.*"quality":"good"').match, 30.0)
+        interrupt(live)
+        with pytest.raises(OSError):
+            socket.create_connection(("127.0.0.1", int(port)), timeout=scaled(5))
     assert not list(tmp_path.iterdir())
 
 

@@ -202,7 +202,15 @@ void write_queue::run() {
     for (const pending &write : left) {
         refuse(write, stopping_reason);
     }
+    give_up(stopping_reason);
     close_store();
+}
+
+void write_queue::give_up(const char *reason) {
+    for (const awaited &one : awaited_) {
+        tell(one.write, write_outcome::unknown, reason);
+    }
+    awaited_.clear();
 }
 
 void write_queue::close_store() {
@@ -218,7 +226,7 @@ bool write_queue::open_store() {
     if (dx_client_open(&opened) == DX_OK) {
         close_store();
         client_ = opened;
-        awaited_.clear(); // their tags are in another store
+        give_up("the service was started anew"); // their tags were in the other store
     }
     return client_ != nullptr; // without a file, what is open serves while the provider lives
 }

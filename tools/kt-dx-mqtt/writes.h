@@ -91,6 +91,8 @@ private:
     bool answered(const awaited &one) const;
     bool settle(awaited &one);
     void settle_all();
+    /** Nothing more will be learned of the outcomes that are awaited. */
+    void give_up(const char *reason);
     void close_store();
     void tell(const pending &write, write_outcome outcome, std::string reason);
     void refuse(const pending &write, std::string reason);

@@ -198,6 +198,26 @@ TEST_F(writes_test, a_request_that_nothing_is_heard_of_ends_as_unknown) {
                 ElementsAre("accepted", "unknown: the service did not report an outcome in time"));
 }
 
+TEST_F(writes_test, an_outcome_that_is_awaited_at_the_end_is_unknown) {
+    make_request(20000);
+    queue_->start();
+    queue_->add(target_name, "5");
+    (void)results(1);
+    queue_->stop();
+    EXPECT_THAT(results(), ElementsAre("accepted", "unknown: the bridge stops"));
+}
+
+TEST_F(writes_test, an_outcome_that_is_awaited_of_another_store_is_unknown) {
+    make_request(20000);
+    queue_->start();
+    queue_->add(target_name, "5");
+    (void)results(1);
+    provider_.reset();
+    std::filesystem::remove(store_path());
+    provider_ = new_provider();
+    EXPECT_THAT(results(2), ElementsAre("accepted", "unknown: the service was started anew"));
+}
+
 TEST_F(writes_test, the_same_value_sends_no_request) {
     make_request(20000);
     queue_->start();
