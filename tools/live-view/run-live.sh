@@ -194,6 +194,10 @@ start_mqtt() {
     mosquitto -c "$folder/mosquitto.conf" >"$folder/mosquitto.log" 2>&1 &
     started+=($!)
     names[$!]="the broker" logs[$!]=$folder/mosquitto.log
+    until (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
+        kill -0 $! 2>/dev/null || watch_over
+        sleep 0.05
+    done
     "$bin/kt-dx-mqtt" --config "$folder/bridge.conf" >"$folder/bridge.log" 2>&1 &
     started+=($!)
     names[$!]="the bridge" logs[$!]=$folder/bridge.log
