@@ -7,6 +7,7 @@ target_include_directories(dx_test PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/../../../platform/libkt-dx/src
     ${CMAKE_CURRENT_LIST_DIR}/../../../platform/include-internal)
 target_compile_definitions(dx_test PRIVATE _FILE_OFFSET_BITS=64)
+set_target_properties(dx_test PROPERTIES DISABLE_PRECOMPILE_HEADERS ON) # read with that definition
 
 # A provider for tests of kt-tag and other clients.
 add_executable(dx-test-provider ${CMAKE_CURRENT_LIST_DIR}/../../support/dx_provider.cpp)
