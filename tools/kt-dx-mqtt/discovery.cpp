@@ -1,5 +1,6 @@
 #include "discovery.h"
 
+#include "json.h"
 #include "topic.h"
 #include "value_text.h"
 
@@ -7,7 +8,6 @@
 #include <cfloat>
 #include <cstdio>
 #include <cstdlib>
-#include <jansson.h>
 #include <memory>
 #include <string_view>
 
@@ -15,11 +15,6 @@ namespace {
 
 constexpr size_t id_text_max_bytes = 64;
 constexpr int64_t exact_integer_max = (int64_t{1} << 53) - 1; // what a double tells apart
-
-struct release_json {
-    void operator()(json_t *json) const noexcept { json_decref(json); }
-};
-using json_ptr = std::unique_ptr<json_t, release_json>;
 
 struct release_text {
     void operator()(char *text) const noexcept { free(text); }

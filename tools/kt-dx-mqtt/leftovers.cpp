@@ -26,21 +26,13 @@ std::string outdated_payload(std::string_view payload) {
            std::string(payload.substr(end));
 }
 
-bool parse_value_topic(std::string_view prefix, std::string_view topic, std::string &name) {
-    const std::string start = std::string(prefix) + "/tags/";
-    if (!topic.starts_with(start) || topic.ends_with("/set") || topic.ends_with("/result")) {
-        return false;
-    }
-    return decode_tag_name(topic.substr(start.size()), name);
-}
-
 leftover_values::leftover_values(const bridge_settings &settings) : settings_(settings) {
     settings_.client_id += "-start";
     broker_ = broker_open(settings_, statistics_, *this);
 }
 
 void leftover_values::connected() {
-    subscribed_ = broker_subscribe(*broker_, {settings_.prefix + "/tags/#"}, settings_.qos) == 0;
+    subscribed_ = broker_subscribe(*broker_, {values_filter(settings_.prefix)}, settings_.qos) == 0;
 }
 
 void leftover_values::received(std::string_view topic, std::string_view payload, bool retained) {

@@ -15,9 +15,6 @@
  */
 std::string outdated_payload(std::string_view payload);
 
-/** Name of the tag whose value a topic bears. @return false for other topics */
-bool parse_value_topic(std::string_view prefix, std::string_view topic, std::string &name);
-
 /**
  * Values that the broker has kept from an earlier run of the bridge, which may say "good" of tags
  * that are there no more. Looked at once after the start, on a connection of its own, since the

@@ -1,5 +1,6 @@
 #include "payload.h"
 
+#include "json.h"
 #include "program/text.h"
 #include "value.h"
 #include "value_text.h"
@@ -7,15 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <jansson.h>
 #include <memory>
 
 namespace {
-
-struct release_json {
-    void operator()(json_t *json) const noexcept { json_decref(json); }
-};
-using json_ptr = std::unique_ptr<json_t, release_json>;
 
 struct release_text {
     void operator()(char *text) const noexcept { free(text); }

@@ -1,12 +1,12 @@
 #include "rest_client.h"
 
+#include "json.h"
 #include "log.h"
 
 #include <algorithm>
 #include <chrono>
 #include <curl/curl.h>
 #include <exception>
-#include <jansson.h>
 #include <memory>
 
 namespace {
@@ -26,11 +26,6 @@ constexpr int64_t age_tolerance_ms = 100;
 constexpr int type_consume = 1;
 constexpr int type_request = 2;
 constexpr int trigger_on_change = 1;
-
-struct release_json {
-    void operator()(json_t *value) const noexcept { json_decref(value); }
-};
-using json_ptr = std::unique_ptr<json_t, release_json>;
 
 json_ptr parse(std::string_view text) {
     return json_ptr(json_loadb(text.data(), text.size(), 0, nullptr));

@@ -1,6 +1,7 @@
 #include "store_watch.h"
 
 #include "log.h"
+#include "tag_client.h"
 
 #include <exception>
 #include <string>
@@ -14,14 +15,9 @@ constexpr int64_t probe_ms = 200; // is the provider alive?
 constexpr int64_t list_ms = 2000; // tags that went; costs a walk through the store
 constexpr int64_t retry_ms = 200; // store that is not there
 
-struct close_client {
-    void operator()(dx_client *client) const noexcept { dx_client_close(client); }
-};
-using client_ptr = std::unique_ptr<dx_client, close_client>;
-
 struct watch_run {
     store_watch &watch;
-    client_ptr client;
+    tag_client_ptr client;
     int open_code = 1;     // of the last attempt; before the first one none of its codes
     dx_tag_info probe{};   // some tag
     bool probed = false;   // probe is set
@@ -100,14 +96,8 @@ void log_open(watch_run &run, int code) {
     }
 }
 
-client_ptr open_client(int &code) {
-    dx_client *opened = nullptr;
-    code = dx_client_open(&opened);
-    return client_ptr(opened);
-}
-
 /** Marks the beginning first: a write meanwhile comes once more as a change. */
-void begin(watch_run &run, client_ptr client) {
+void begin(watch_run &run, tag_client_ptr client) {
     run.client = std::move(client);
     run.unlinked = false;
     count(run.watch.statistics->store_opens);
@@ -117,8 +107,8 @@ void begin(watch_run &run, client_ptr client) {
 }
 
 void try_open(watch_run &run) {
-    int code = DX_OK;
-    client_ptr client = open_client(code);
+    tag_client_ptr client;
+    const int code = open_client(client);
     log_open(run, code);
     if (client) {
         begin(run, std::move(client));
@@ -135,8 +125,8 @@ void follow_file(watch_run &run) {
     if (dx_client_current(run.client.get()) == 1) {
         return;
     }
-    int code = DX_OK;
-    client_ptr client = open_client(code);
+    tag_client_ptr client;
+    const int code = open_client(client);
     if (client) {
         log_line("the tag store was replaced");
         begin(run, std::move(client));

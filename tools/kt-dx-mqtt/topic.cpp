@@ -55,6 +55,15 @@ std::string join(std::string_view prefix, std::string_view rest) {
     return topic += rest;
 }
 
+/** Leave what follows "<prefix>/tags/". @return false when the topic does not begin so */
+bool take_tags_level(std::string_view prefix, std::string_view &topic) {
+    if (!topic.starts_with(prefix) || !topic.substr(prefix.size()).starts_with(tags_level)) {
+        return false;
+    }
+    topic.remove_prefix(prefix.size() + tags_level.size());
+    return true;
+}
+
 std::string tag_topic(std::string_view prefix, std::string_view name, std::string_view last) {
     std::string topic = join(prefix, tags_level);
     topic += encode_tag_name(name);
@@ -143,17 +152,19 @@ std::vector<std::string> set_filters(std::string_view prefix) {
     return filters;
 }
 
+std::string values_filter(std::string_view prefix) {
+    return join(prefix, tags_level) + "#";
+}
+
+bool parse_value_topic(std::string_view prefix, std::string_view topic, std::string &name) {
+    return !topic.ends_with(set_level) && !topic.ends_with(result_level) &&
+           take_tags_level(prefix, topic) && decode_tag_name(topic, name);
+}
+
 bool parse_set_topic(std::string_view prefix, std::string_view topic, std::string &name) {
-    if (topic.substr(0, prefix.size()) != prefix) {
+    if (!take_tags_level(prefix, topic) || !topic.ends_with(set_level)) {
         return false;
     }
-    topic.remove_prefix(prefix.size());
-    if (topic.size() < tags_level.size() + set_level.size() ||
-        topic.substr(0, tags_level.size()) != tags_level ||
-        topic.substr(topic.size() - set_level.size()) != set_level) {
-        return false;
-    }
-    topic.remove_prefix(tags_level.size());
     topic.remove_suffix(set_level.size());
     return decode_tag_name(topic, name);
 }

@@ -38,6 +38,12 @@ std::string statistics_topic(std::string_view prefix);
 /** Filters that together match the set topics of all tags and nothing that the bridge publishes. */
 std::vector<std::string> set_filters(std::string_view prefix);
 
+/** Filter that matches the value topics of all tags, and their set and result topics. */
+std::string values_filter(std::string_view prefix);
+
+/** @return false when the topic is no value topic of a possible tag name */
+bool parse_value_topic(std::string_view prefix, std::string_view topic, std::string &name);
+
 /** @return false when the topic is no set topic of a possible tag name */
 bool parse_set_topic(std::string_view prefix, std::string_view topic, std::string &name);
 

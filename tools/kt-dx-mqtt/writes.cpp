@@ -23,20 +23,12 @@ constexpr const char *queue_full_reason = "too many writes are waiting";
 constexpr const char *stopping_reason = "the bridge stops";
 
 const char *refusal(int code) {
-    switch (code) {
-    case DX_UNKNOWN_TAG:
-        return "unknown tag";
-    case DX_IS_READ_ONLY:
-        return "tag is read-only";
-    case DX_WRONG_SIZE:
-        return "the size of the tag has changed";
-    case DX_PROVIDER_DEAD:
-        return "the provider of the tag has died";
-    case DX_NO_PERMISSION:
-        return "the bridge may not write tags";
-    default:
-        return "the tag store cannot be used";
+    const char *text = client_result_text(code);
+    if (text == nullptr) {
+        text = code == DX_NO_PERMISSION ? "the bridge may not write tags"
+                                        : client_result_text(DX_STORE_REFUSED);
     }
+    return text;
 }
 
 /** The response wrote this tag when its number of writes is another one. */
@@ -203,7 +195,7 @@ void write_queue::run() {
         refuse(write, stopping_reason);
     }
     give_up(stopping_reason);
-    close_store();
+    client_.reset();
 }
 
 void write_queue::give_up(const char *reason) {
@@ -213,19 +205,13 @@ void write_queue::give_up(const char *reason) {
     awaited_.clear();
 }
 
-void write_queue::close_store() {
-    dx_client_close(client_);
-    client_ = nullptr;
-}
-
 bool write_queue::open_store() {
-    if (client_ != nullptr && dx_client_current(client_) == 1) {
+    if (client_ != nullptr && dx_client_current(client_.get()) == 1) {
         return true;
     }
-    dx_client *opened = nullptr;
-    if (dx_client_open(&opened) == DX_OK) {
-        close_store();
-        client_ = opened;
+    tag_client_ptr opened;
+    if (open_client(opened) == DX_OK) {
+        client_ = std::move(opened);
         give_up("the service was started anew"); // their tags were in the other store
     }
     return client_ != nullptr; // without a file, what is open serves while the provider lives
@@ -240,7 +226,7 @@ void write_queue::execute(const pending &write) {
         refuse(write, "no tag store: the service does not run");
         return;
     }
-    int code = dx_client_find(client_, write.tag.c_str(), &info);
+    int code = dx_client_find(client_.get(), write.tag.c_str(), &info);
     if (code == DX_OK && info.mode == DX_READ_ONLY) {
         code = DX_IS_READ_ONLY;
     }
@@ -249,14 +235,14 @@ void write_queue::execute(const pending &write) {
         return;
     }
     if (code == DX_OK) {
-        code = dx_client_read(client_, &info, &before);
+        code = dx_client_read(client_.get(), &info, &before);
     }
     supersede_awaited(write.tag);
     // Before the write: the answer may come at once.
     const size_t awaited_before = awaited_.size();
     if (code == DX_OK) {
         await_outcome(write);
-        code = dx_client_write(client_, &info, value, info.size);
+        code = dx_client_write(client_.get(), &info, value, info.size);
     }
     if (code != DX_OK) {
         awaited_.resize(std::min(awaited_.size(), awaited_before));
@@ -294,8 +280,8 @@ void write_queue::await_outcome(const pending &write) {
     for (const std::string &name : known->response_tags) {
         dx_tag_info info;
         dx_sample sample;
-        if (dx_client_find(client_, name.c_str(), &info) == DX_OK &&
-            dx_client_read(client_, &info, &sample) == DX_OK) {
+        if (dx_client_find(client_.get(), name.c_str(), &info) == DX_OK &&
+            dx_client_read(client_.get(), &info, &sample) == DX_OK) {
             one.responses.push_back({info, sample.sequence});
         }
     }
@@ -315,7 +301,7 @@ void write_queue::await_outcome(const pending &write) {
 bool write_queue::answered(const awaited &one) const {
     return std::ranges::any_of(one.responses, [this](const response_mark &mark) {
         dx_sample sample;
-        return dx_client_read(client_, &mark.info, &sample) == DX_OK &&
+        return dx_client_read(client_.get(), &mark.info, &sample) == DX_OK &&
                sample.sequence != mark.sequence;
     });
 }

@@ -3,6 +3,7 @@
 
 #include "set_request.h"
 #include "statistics.h"
+#include "tag_client.h"
 #include "tag_table.h"
 
 #include <condition_variable>
@@ -93,7 +94,6 @@ private:
     void settle_all();
     /** Nothing more will be learned of the outcomes that are awaited. */
     void give_up(const char *reason);
-    void close_store();
     void tell(const pending &write, write_outcome outcome, std::string reason);
     void refuse(const pending &write, std::string reason);
 
@@ -105,7 +105,7 @@ private:
     std::deque<pending> waiting_;
     bool stop_ = false;
     std::thread thread_;
-    dx_client *client_ = nullptr; // all below: thread of the writes
+    tag_client_ptr client_; // all below: thread of the writes
     std::vector<awaited> awaited_;
 };
 

@@ -2,6 +2,7 @@
 
 #include "output.h"
 #include "program/output.h"
+#include "tag_client.h"
 #include "value_text.h"
 
 #include <kt/dx_client.h>
@@ -11,7 +12,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <fnmatch.h>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,11 +22,6 @@ constexpr int64_t look_again_ms = 1000;   // for a closed pipe and a store that 
 constexpr int64_t missing_store_ms = 100; // until the first provider comes
 
 volatile sig_atomic_t stop_asked = 0;
-
-struct close_client {
-    void operator()(dx_client *client) const noexcept { dx_client_close(client); }
-};
-using client_ptr = std::unique_ptr<dx_client, close_client>;
 
 struct found_tag {
     dx_tag_info info;
@@ -39,21 +34,14 @@ std::string store_path() {
 }
 
 std::string reason(int code) {
+    if (const char *text = client_result_text(code); text != nullptr) {
+        return text;
+    }
     switch (code) {
-    case DX_UNKNOWN_TAG:
-        return "unknown tag";
-    case DX_IS_READ_ONLY:
-        return "tag is read-only";
-    case DX_WRONG_SIZE:
-        return "the size of the tag has changed";
-    case DX_PROVIDER_DEAD:
-        return "the provider of the tag has died";
     case DX_NO_PERMISSION:
         return "no permission to write tags: " + store_path();
     case DX_NO_STORE:
         return "no tag store (is a provider running?): " + store_path();
-    case DX_STORE_REFUSED:
-        return "the tag store cannot be used";
     case DX_NO_MEMORY:
         return "out of memory";
     default:
@@ -69,15 +57,7 @@ int fail(const char *name, const std::string &reason_text) {
     return fail(std::string(name) + ": " + reason_text);
 }
 
-/** @return a dx_result */
-int open_client(client_ptr &client) {
-    dx_client *opened = nullptr;
-    const int code = dx_client_open(&opened);
-    client.reset(opened);
-    return code;
-}
-
-int open_and_find(const char *name, client_ptr &client, dx_tag_info &info) {
+int open_and_find(const char *name, tag_client_ptr &client, dx_tag_info &info) {
     const int code = open_client(client);
     return code == DX_OK ? dx_client_find(client.get(), name, &info) : code;
 }
@@ -114,7 +94,7 @@ void catch_stop_signals() {
 struct watch_run {
     const tag_options &options;
     int64_t end_ms; // negative for never
-    client_ptr client;
+    tag_client_ptr client;
     uint64_t printed = 0;
     bool initial = options.initial; // still to be printed
     bool output_failed = false;
@@ -200,7 +180,7 @@ int watch_store(watch_run &run) {
 } // namespace
 
 int list_tags(const tag_options &options) {
-    client_ptr client;
+    tag_client_ptr client;
     const int code = open_client(client);
     if (code != DX_OK) {
         return fail(reason(code));
@@ -219,7 +199,7 @@ int list_tags(const tag_options &options) {
 }
 
 int get_tag(const tag_options &options) {
-    client_ptr client;
+    tag_client_ptr client;
     dx_tag_info info;
     dx_sample sample;
     int code = open_and_find(options.name, client, info);
@@ -233,7 +213,7 @@ int get_tag(const tag_options &options) {
 }
 
 int set_tag(const tag_options &options) {
-    client_ptr client;
+    tag_client_ptr client;
     dx_tag_info info;
     int code = open_and_find(options.name, client, info);
     if (code != DX_OK) {

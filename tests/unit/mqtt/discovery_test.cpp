@@ -1,15 +1,10 @@
 #include "discovery.h"
+#include "json.h"
 
 #include <gtest/gtest.h>
-#include <jansson.h>
 #include <memory>
 
 namespace {
-
-struct release_json {
-    void operator()(json_t *json) const noexcept { json_decref(json); }
-};
-using json_ptr = std::unique_ptr<json_t, release_json>;
 
 tag_snapshot tag_of(const std::string &name, int type, size_t size, int mode) {
     tag_snapshot tag;

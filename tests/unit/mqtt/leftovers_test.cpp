@@ -1,5 +1,6 @@
 #include "fake_broker.h"
 #include "leftovers.h"
+#include "topic.h"
 
 #include <chrono>
 #include <gtest/gtest.h>
