@@ -6,6 +6,7 @@
 #include "config/sqlite_guards.h"
 #include "config/tables.h"
 #include "core/log.h"
+#include "core/runtime_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -178,7 +179,7 @@ int can_proprietary_conf_export(const char *path) {
         log_error("get db fail\n");
         return -1;
     }
-    const file_ptr file(fopen(path, "we"));
+    const file_ptr file = open_runtime_file(path, "w");
     if (file == nullptr) {
         const int error = errno;
         log_error("open fail\n");

@@ -5,6 +5,7 @@
 #include "config/sqlite_guards.h"
 #include "config/tables.h"
 #include "core/log.h"
+#include "core/runtime_file.h"
 
 #include <algorithm>
 #include <array>
@@ -469,7 +470,7 @@ int can_proprietary_conf_import(const char *path, conf_import_error *err) {
         log_error("Null parm.\n");
         return -1;
     }
-    const file_ptr file(fopen(path, "re"));
+    const file_ptr file = open_runtime_file(path, "r");
     if (file == nullptr) {
         log_error("open fail\n");
         return -1;

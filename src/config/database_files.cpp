@@ -228,6 +228,17 @@ int get_ram_modified_time(int64_t *seconds) {
     return 0;
 }
 
+/** Where others may make files below /run, a link must not lead edits to another file. */
+int drop_working_link() {
+    const std::string path = working_db_path();
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) {
+        return 0;
+    }
+    log_error("%s is a symbolic link, removed\n", path.c_str());
+    return remove_if_present(path) ? 0 : -1;
+}
+
 } // namespace
 
 std::string shipped_schema_path() {
@@ -264,7 +275,8 @@ int can_proprietary_db_init_user_config() {
     if (!file_exists(persistent_db_path()) && create_persistent_db() != 0) {
         return -1;
     }
-    if (!file_exists(working_db_path()) && copy_persistent_db_to_ram() != 0) {
+    if (drop_working_link() != 0 ||
+        (!file_exists(working_db_path()) && copy_persistent_db_to_ram() != 0)) {
         log_error("Copy can_proprietary config DB fail!\n");
         return -1;
     }

@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 #include "core/log.h"
+#include "core/runtime_file.h"
 #include "core/state.h"
 #include "device/local_time.h"
 #include "rest/file_download.h"
@@ -26,7 +27,7 @@ constexpr const char *file_folder = "/run/tmp/kt-can-proprietary/";
 using parts_ptr = std::unique_ptr<mp_part, call_on_delete<mp_free_all_parts>>;
 
 int save_upload(const mp_part *part) {
-    const file_ptr file(fopen(rooted_path(upload_path).c_str(), "we"));
+    const file_ptr file = open_runtime_file(rooted_path(upload_path).c_str(), "w");
     if (file == nullptr) {
         const int error = errno;
         log_write_error(post_file, __LINE__, "open fail\n");

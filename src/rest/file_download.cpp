@@ -2,13 +2,14 @@
 
 #include "core/guards.h"
 #include "core/log.h"
+#include "core/runtime_file.h"
 
 #include <kt/rest.h>
 
 #include <cstdio>
 
 int rest_export_file(const char *path, const char *download_name, const char *open_message) {
-    const file_ptr file(fopen(path, "rbe"));
+    const file_ptr file = open_runtime_file(path, "r");
     if (file == nullptr) {
         const int error = errno;
 #pragma GCC diagnostic push

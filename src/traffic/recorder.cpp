@@ -2,6 +2,7 @@
 
 #include "core/guards.h"
 #include "core/log.h"
+#include "core/runtime_file.h"
 #include "core/state.h"
 #include "device/clock.h"
 
@@ -144,7 +145,7 @@ long size_of(FILE *file) {
 }
 
 int append_csv_row(int port, const traffic_row &row, size_t json_length) {
-    const file_ptr file(fopen(csv_path(port).c_str(), "ae"));
+    const file_ptr file = open_runtime_file(csv_path(port).c_str(), "a");
     if (file == nullptr) {
         return -5;
     }
@@ -188,7 +189,7 @@ int append_both(int port, const traffic_row &row, const char *json_text) {
         return -8;
     }
     const file_lock_ptr lock(taken);
-    const file_ptr file(fopen(path.c_str(), "ae"));
+    const file_ptr file = open_runtime_file(path.c_str(), "a");
     if (file == nullptr) {
         log_write_error("can_proprietary_traffic_record_log", __LINE__, "open file fail\n");
         return -5;
@@ -218,7 +219,7 @@ int read_lines(FILE *file, JSON_Array *lines) {
 }
 
 int create_file(const std::string &path, const char *content) {
-    const file_ptr file(fopen(path.c_str(), "we"));
+    const file_ptr file = open_runtime_file(path.c_str(), "w");
     if (file == nullptr) {
         log_write_error(
             "can_proprietary_traffic_start", __LINE__, "open file %s fail.\n", path.c_str());
@@ -357,7 +358,7 @@ int can_proprietary_traffic_get_log(JSON_Value **log, int port) {
         return -8;
     }
     const file_lock_ptr lock(taken);
-    const file_ptr file(fopen(path.c_str(), "re"));
+    const file_ptr file = open_runtime_file(path.c_str(), "r");
     if (file == nullptr) {
         return -5;
     }

@@ -167,6 +167,21 @@ TEST_F(next_start, after_a_boot_the_working_copy_is_the_persistent_database) {
     EXPECT_EQ(files(), files_of_a_started_gateway());
 }
 
+TEST_F(next_start, link_in_the_place_of_the_working_copy_is_not_followed) {
+    boot();
+    std::filesystem::create_directories(path("run/config/kt-can-proprietary"));
+    std::filesystem::copy(persistent_db_path(), path("victim"));
+    execute(path("victim"), "INSERT INTO device VALUES (1, 1, 'foreign')");
+    const std::string untouched = read(path("victim"));
+    std::filesystem::create_symlink(path("victim"), working_db_path());
+    EXPECT_THAT(
+        messages_of([] { start(); }),
+        ElementsAre("drop_working_link|" + working_db_path() + " is a symbolic link, removed\n"));
+    execute(working_db_path(), "INSERT INTO device VALUES (2, 1, 'own')");
+    EXPECT_EQ(rows_of(working_db_path(), "SELECT deviceName FROM device"), "own");
+    EXPECT_EQ(read(path("victim")), untouched);
+}
+
 TEST_F(next_start, working_folder_that_cannot_be_made_stops_it) {
     boot();
     write(path("run"), "a file where the folder should be");

@@ -1,5 +1,6 @@
 #include "allocation_fault.h"
 #include "config/config_fixture.h"
+#include "full_disk.h"
 #include "json_fault.h"
 #include "multipart_fault.h"
 #include "rest/fake_rest.h"
@@ -207,13 +208,25 @@ TEST_F(config_file_handlers, an_upload_that_cannot_be_opened) {
 }
 
 TEST_F(config_file_handlers, an_upload_that_does_not_fit_on_the_disk) {
-    std::filesystem::create_symlink("/dev/full", upload_);
+    const full_disk disk(600); // of the captured log, too
     for (const std::string &content : {std::string(file_text), std::string(100000, 'x')}) {
         refused(multipart(content),
                 500,
                 error_body(-8, "Fail to set"),
                 {post_line + std::string("save config file fail\n"), status_500(-8)});
     }
+}
+
+TEST_F(config_file_handlers, an_upload_is_not_written_through_a_link) {
+    write(path("victim"), "untouched");
+    std::filesystem::create_symlink(path("victim"), upload_);
+    refused(multipart(file_text),
+            500,
+            error_body(-8, "Fail to set"),
+            {post_line + std::string("open fail\n"),
+             "Error: : Too many levels of symbolic links\n",
+             status_500(-8)});
+    EXPECT_EQ(read(path("victim")), "untouched");
 }
 
 std::string import_body(const std::string &key, const std::string &variables) {

@@ -1,8 +1,6 @@
 #include "allocation_fault.h"
+#include "full_disk.h"
 #include "recorder_fixture.h"
-
-#include <csignal>
-#include <sys/resource.h>
 
 namespace {
 
@@ -30,23 +28,6 @@ protected:
         std::filesystem::remove(file);
         std::filesystem::create_directory(file);
     }
-};
-
-/** A disk that is full at a size; a write that would exceed it is cut there. */
-class full_disk {
-public:
-    explicit full_disk(size_t size) {
-        (void)signal(SIGXFSZ, SIG_IGN);
-        (void)getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit limit = {size, before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-    full_disk(const full_disk &) = delete;
-    full_disk &operator=(const full_disk &) = delete;
-    ~full_disk() { EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before_), 0); }
-
-private:
-    rlimit before_{};
 };
 
 TEST_F(recorder_failure, port_at_or_above_the_count_is_refused_by_every_operation) {
@@ -110,6 +91,27 @@ TEST_F(recorder_failure, json_file_that_cannot_be_made_leaves_the_header_and_kee
                 ElementsAre("can_proprietary_traffic_start|open file " + json_path() + " fail.\n"));
     EXPECT_EQ(csv(), csv_header);
     EXPECT_EQ(state(), 0);
+}
+
+TEST_F(recorder_failure, link_in_the_place_of_a_file_is_not_followed) {
+    write(path("victim"), "untouched");
+    for (const std::string &file : {csv_path(), json_path()}) {
+        start();
+        std::filesystem::remove(file);
+        std::filesystem::create_symlink(path("victim"), file);
+        (void)failing_record(-5);
+        (void)messages_of([] { EXPECT_EQ(can_proprietary_traffic_start(0), -5); });
+        EXPECT_EQ(read(path("victim")), "untouched");
+        std::filesystem::remove(file);
+    }
+}
+
+TEST_F(recorder_failure, link_in_the_place_of_the_log_is_not_shown) {
+    write(path("victim"), "{}\n");
+    start();
+    std::filesystem::remove(json_path());
+    std::filesystem::create_symlink(path("victim"), json_path());
+    EXPECT_THAT(failing_log(-5), IsEmpty());
 }
 
 TEST_F(recorder_failure, folder_that_cannot_be_made_shows_at_the_start_of_a_recording) {

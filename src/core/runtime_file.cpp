@@ -1,0 +1,28 @@
+#include "core/runtime_file.h"
+
+#include <fcntl.h>
+
+namespace {
+
+int flags_of(char mode) {
+    switch (mode) {
+    case 'w':
+        return O_WRONLY | O_CREAT | O_TRUNC;
+    case 'a':
+        return O_WRONLY | O_CREAT | O_APPEND;
+    default:
+        return O_RDONLY;
+    }
+}
+
+} // namespace
+
+file_ptr open_runtime_file(const char *path, const char *mode) {
+    constexpr int safe = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    unique_fd fd(open(path, flags_of(mode[0]) | safe, 0666));
+    file_ptr file(fd.get() < 0 ? nullptr : fdopen(fd.get(), mode));
+    if (file != nullptr) {
+        (void)fd.release(); // the file's now
+    }
+    return file;
+}
