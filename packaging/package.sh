@@ -1,5 +1,5 @@
 #!/bin/bash
-# Debian packages of this tree into build/package/
+# Debian packages of this tree into build/package/, with a bill of materials (SPDX) each architecture
 #
 #   package.sh [ARCHITECTURE...]      default: amd64 armhf
 #
@@ -53,6 +53,13 @@ export_source() {
     changelog >"$1/debian/changelog"
 }
 
+bill_of_materials() {
+    local record=/var/lib/dpkg/status
+    [ "$1" = "$(dpkg --print-architecture)" ] || record=$KT_ARMHF_SYSROOT/var/lib/dpkg/status
+    /usr/bin/python3 packaging/sbom.py "$1" "$out" "$record" \
+        "$out/kt-can-proprietary_${version}_$1.spdx.json"
+}
+
 package() {
     local architecture=$1 work=$out/$1-work mark=$out/$1.built state cross=()
     state=$(fingerprint)
@@ -68,7 +75,7 @@ package() {
         cross=(--host-arch "$architecture" --no-check-builddeps)
     fi
     say "$architecture: building $version"
-    rm -f "$mark" "$out"/*_"$architecture".*deb
+    rm -f "$mark" "$out"/*_"$architecture".*deb "$out"/*_"$architecture".spdx.json
     export_source "$work/source"
     (cd "$work/source" && DEB_BUILD_OPTIONS="nocheck parallel=$(nproc) ${DEB_BUILD_OPTIONS:-}" \
         DEB_BUILD_PROFILES=nocheck dpkg-buildpackage --build=any --unsigned-changes \
@@ -78,11 +85,13 @@ package() {
     }
     mv "$work"/*_"$architecture".*deb "$out"
     rm -rf "$work"
+    bill_of_materials "$architecture"
     echo "$state" >"$mark"
     (cd "$out" && ls -- *_"$version"_"$architecture".deb)
 }
 
-need dpkg-buildpackage dpkg-dev dh debhelper cmake cmake ninja ninja-build g++ g++
+need dpkg-buildpackage dpkg-dev dh debhelper cmake cmake ninja ninja-build g++ g++ \
+    /usr/bin/python3 python3
 mkdir -p "$out"
 [ $# -gt 0 ] || set -- amd64 armhf
 for architecture; do
