@@ -187,3 +187,25 @@ def test_the_calls_of_the_libraries_are_those_that_the_service_makes():
     service = " ".join(sources("src").values())
     made = {name for name in declared if re.search(rf"\b{name}\b(?:\(|>)", service)}
     assert calls_of((lane.REPO / "docs/platform.md").read_text("utf-8")) == made
+
+
+PROMISE = re.compile(r"`(\w+)(\.|::)(\w+)`")
+
+
+def is_a_test(name: str, kind: str, test: str) -> bool:
+    if kind == ".":
+        wanted = re.compile(rf"TEST(_F)?\({name}, {test}\)")
+        return any(wanted.search(text) for text in sources("tests/unit").values())
+    files = [*lane.REPO.glob(f"tests/*/{name}.py")]
+    return any(f"def {test}(" in path.read_text("utf-8") for path in files)
+
+
+def test_every_promise_names_tests_that_exist():
+    text = (lane.REPO / "docs/security.md").read_text("utf-8")
+    rows = [line for line in text.partition("## What is promised")[2].split("\n") if "`" in line]
+    promises = [row for row in rows if row.startswith("| ")]
+    assert len(promises) > 15
+    for row in promises:
+        tests = PROMISE.findall(row.rpartition(" | ")[2])
+        assert tests, row
+        assert [name for name in tests if not is_a_test(*name)] == [], row
