@@ -32,7 +32,7 @@ if [ ! -x "$softcan" ]; then
 fi
 
 case $bin in
-    */asan/bin) factor=${KT_TIME_FACTOR:-3} ;;
+    */asan/bin | */coverage/bin) factor=${KT_TIME_FACTOR:-3} ;;
     */tsan/bin) factor=${KT_TIME_FACTOR:-5} ;;
     *) factor=${KT_TIME_FACTOR:-1} ;;
 esac

@@ -40,9 +40,8 @@ def listening_addresses(process: subprocess.Popen) -> list[str]:
     """Addresses in hexadecimal of the TCP sockets on which the process accepts connections."""
     folder = pathlib.Path(f"/proc/{process.pid}")
     own = {os.readlink(link) for link in folder.glob("fd/*") if os.path.lexists(link)}
-    rows = []
-    for name in ("tcp", "tcp6"):
-        rows += (folder / "net" / name).read_text("ascii").splitlines()[1:]
+    tables = [folder / "net" / name for name in ("tcp", "tcp6")]  # a kernel may have no IPv6
+    rows = [row for table in tables if table.exists() for row in table.open().readlines()[1:]]
     fields = [row.split() for row in rows]
     listens = "0A"
     return [row[1] for row in fields if row[3] == listens and f"socket:[{row[9]}]" in own]
