@@ -8,6 +8,7 @@
 
 #include <kt/protocol_common.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -20,12 +21,14 @@
 #include <pthread.h>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
 
 constexpr const char *traffic_folder = "/run/tmp/kt-can-proprietary";
 constexpr const char *path_prefix = "/run/tmp/kt-can-proprietary/traffic-log";
+constexpr size_t longest_line_bytes = 2048;
 constexpr const char *csv_header = "No.,Time,Direction,CAN-ID,RTR,Data length,Data\n";
 
 struct can_proprietary_traffic {
@@ -207,7 +210,7 @@ int append_both(int port, const traffic_row &row, const char *json_text) {
 }
 
 int read_lines(FILE *file, JSON_Array *lines) {
-    std::array<char, 2048> text{};
+    std::array<char, longest_line_bytes> text{};
     while (fgets(text.data(), text.size(), file) != nullptr) {
         json_ptr line(json_parse_string(text.data()));
         if (line == nullptr || json_array_append_value(lines, line.get()) != JSONSuccess) {
@@ -216,6 +219,28 @@ int read_lines(FILE *file, JSON_Array *lines) {
         (void)line.release(); // the array's now
     }
     return 0;
+}
+
+/**
+ * A process that was killed in the middle of a write leaves the beginning of a line, and a log with
+ * one cannot be read.
+ */
+void cut_half_line(const std::string &path) {
+    const file_ptr file(fopen(path.c_str(), "r+e"));
+    const long size = file == nullptr ? 0 : size_of(file.get());
+    std::array<char, longest_line_bytes> tail{};
+    const long start = std::max(0L, size - static_cast<long>(tail.size()));
+    if (size <= 0 || fseek(file.get(), start, SEEK_SET) != 0) {
+        return;
+    }
+    const size_t length = fread(tail.data(), 1, tail.size(), file.get());
+    const std::string_view text(tail.data(), length);
+    const size_t end = text.rfind('\n');
+    const long whole = end == std::string_view::npos ? 0 : start + static_cast<long>(end) + 1;
+    if (length > 0 && whole < size && (whole > 0 || start == 0)) {
+        // When this fails, nothing else can be done: reading says that the line is bad.
+        [[maybe_unused]] const int cut = ftruncate(fileno(file.get()), whole);
+    }
 }
 
 int create_file(const std::string &path, const char *content) {
@@ -241,6 +266,8 @@ int can_proprietary_traffic_init(uint8_t port_count) {
     for (uint8_t port = 0; port < port_count; port++) {
         (void)pthread_mutex_init(&records[port].mutex, nullptr); // cannot fail for a plain mutex
         (void)mkdir_p(rooted_path(traffic_folder).c_str());      // a start reports a missing folder
+        cut_half_line(json_path(port)); // nobody records yet, and readers wait
+        cut_half_line(csv_path(port));
     }
     record_count.store(port_count, std::memory_order_relaxed);
     return 0;

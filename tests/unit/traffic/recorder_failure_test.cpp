@@ -269,6 +269,53 @@ TEST_F(recorder_failure, log_with_a_line_that_is_no_json_fails) {
     EXPECT_EQ(g_fake_semaphore.held, 0);
 }
 
+TEST_F(recorder_failure, half_a_line_of_a_killed_process_goes_with_the_next_start) {
+    start();
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(record(), 0);
+    }
+    const std::string lines = json();
+    const std::string rows = csv();
+    const auto start_again = [] {
+        can_proprietary_traffic_deinit();
+        EXPECT_EQ(can_proprietary_traffic_init(2), 0);
+    };
+    start_again();
+    EXPECT_EQ(json(), lines);
+    EXPECT_EQ(csv(), rows);
+    for (size_t length : {1, 20, 40}) {
+        write(json_path(), lines + lines.substr(0, length));
+        write(csv_path(), rows + "3,0." + std::string(length, '1'));
+        start_again();
+        EXPECT_EQ(json(), lines);
+        EXPECT_EQ(csv(), rows);
+    }
+    JSON_Value *log = nullptr;
+    EXPECT_EQ(can_proprietary_traffic_get_log(&log, 0), 0);
+    EXPECT_EQ(json_array_get_count(json_value_get_array(log)), 2U);
+    json_value_free(log);
+}
+
+TEST_F(recorder_failure, half_a_first_line_leaves_an_empty_file) {
+    start();
+    write(json_path(), "{\"time");
+    write(csv_path(), "No.,");
+    can_proprietary_traffic_deinit();
+    EXPECT_EQ(can_proprietary_traffic_init(2), 0);
+    EXPECT_EQ(json(), "");
+    EXPECT_EQ(csv(), "");
+}
+
+TEST_F(recorder_failure, a_file_whose_last_line_is_none_of_the_recorders_stays) {
+    const std::string foreign(5000, 'x');
+    write(json_path(), "{}\n" + foreign);
+    write(csv_path(), "");
+    can_proprietary_traffic_deinit();
+    EXPECT_EQ(can_proprietary_traffic_init(2), 0);
+    EXPECT_EQ(json(), "{}\n" + foreign);
+    EXPECT_EQ(csv(), "");
+}
+
 TEST_F(recorder_failure, mutexes_that_fail_are_told_on_standard_output_and_ignored) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer reports the unlock that follows a lock that failed";
