@@ -4,14 +4,14 @@
 
 namespace {
 
-int flags_of(char mode) {
-    switch (mode) {
+int flags_of(const char *mode) {
+    switch (mode[0]) {
     case 'w':
         return O_WRONLY | O_CREAT | O_TRUNC;
     case 'a':
         return O_WRONLY | O_CREAT | O_APPEND;
     default:
-        return O_RDONLY;
+        return mode[1] == '+' ? O_RDWR : O_RDONLY;
     }
 }
 
@@ -19,7 +19,7 @@ int flags_of(char mode) {
 
 file_ptr open_runtime_file(const char *path, const char *mode) {
     constexpr int safe = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    unique_fd fd(open(path, flags_of(mode[0]) | safe, 0666));
+    unique_fd fd(open(path, flags_of(mode) | safe, 0666));
     file_ptr file(fd.get() < 0 ? nullptr : fdopen(fd.get(), mode));
     if (file != nullptr) {
         (void)fd.release(); // the file's now

@@ -8,7 +8,7 @@
  * files there, a symbolic link must not lead a write of ours to another file, nor another file's
  * bytes to a client, and a FIFO must not hold a port thread up.
  *
- * @param mode  "r", "w" or "a"; the file is not inherited by child processes
+ * @param mode  "r", "r+", "w" or "a"; the file is not inherited by child processes
  * @return nullptr with errno: that of fopen(), ELOOP for a symbolic link, ENXIO for a FIFO without
  *         a reader. A link in another place of the path is followed: the administrator made it.
  *

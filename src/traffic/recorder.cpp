@@ -226,7 +226,7 @@ int read_lines(FILE *file, JSON_Array *lines) {
  * one cannot be read.
  */
 void cut_half_line(const std::string &path) {
-    const file_ptr file(fopen(path.c_str(), "r+e"));
+    const file_ptr file = open_runtime_file(path.c_str(), "r+");
     const long size = file == nullptr ? 0 : size_of(file.get());
     std::array<char, longest_line_bytes> tail{};
     const long start = std::max(0L, size - static_cast<long>(tail.size()));

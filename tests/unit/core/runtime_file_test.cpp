@@ -30,6 +30,8 @@ TEST_F(runtime_file, reads_replaces_and_appends) {
     const file_ptr file = open_runtime_file(file_.c_str(), "r");
     char text[8] = {};
     EXPECT_STREQ(fgets(text, sizeof text, file.get()), "new");
+    EXPECT_GE(fputs("N", open_runtime_file(file_.c_str(), "r+").get()), 0);
+    EXPECT_EQ(read(file_), "New");
 }
 
 TEST_F(runtime_file, is_not_inherited_by_child_processes) {
@@ -43,7 +45,7 @@ TEST_F(runtime_file, is_not_inherited_by_child_processes) {
 TEST_F(runtime_file, link_to_another_file_is_refused_and_that_file_untouched) {
     write(path("victim"), "secret");
     std::filesystem::create_symlink(path("victim"), file_);
-    for (const char *mode : {"r", "w", "a"}) {
+    for (const char *mode : {"r", "r+", "w", "a"}) {
         EXPECT_EQ(refused(mode), ELOOP);
     }
     EXPECT_EQ(read(path("victim")), "secret");
