@@ -9,6 +9,7 @@
 # finds a library's package. A folder that has them already is left alone.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+. "$here/private_apt.sh"
 architecture=$1
 mkdir -p "$2"
 root=$(cd "$2" && pwd)
@@ -21,19 +22,12 @@ if [ "$(cat "$root/complete" 2>/dev/null)" = "$root: $packages" ]; then
 fi
 echo "sysroot: fetching the libraries of $architecture"
 rm -rf "${root:?}"/*
-mkdir -p "$apt"/{state/lists/partial,cache/archives/partial} "$root"/var/lib/dpkg/{info,updates}
-touch "$apt/status"
+mkdir -p "$root"/var/lib/dpkg/{info,updates}
 
-private_apt() {
-    apt-get -qq -o Dir::State="$apt/state" -o Dir::State::status="$apt/status" \
-        -o Dir::Cache="$apt/cache" -o APT::Architecture="$architecture" \
-        -o APT::Architectures="$architecture" -o APT::Sandbox::User="$(id -un)" \
-        -o APT::Install-Recommends=false -o APT::Update::Post-Invoke-Success::= \
-        -o DPkg::Post-Invoke::= "$@"
-}
-private_apt update || echo "sysroot: going on with the package lists that there are"
+private_apt "$apt" "$architecture" update ||
+    echo "sysroot: going on with the package lists that there are"
 # shellcheck disable=SC2086 # a list of packages
-private_apt -y --download-only install $packages
+private_apt "$apt" "$architecture" -y --download-only install $packages
 
 # As on the machine: /lib is /usr/lib.
 mkdir -p "$root/usr/lib"

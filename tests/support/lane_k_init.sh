@@ -19,20 +19,8 @@ for module in net/can/can net/can/can-raw drivers/net/can/dev/can-dev drivers/ne
 done
 
 new=/run/root
-mkdir -p /run/upper /run/work $new
-mount -t overlay overlay -o lowerdir=/,upperdir=/run/upper,workdir=/run/work $new ||
-    give_up "no overlay file system"
-mkdir -p $new/data $new/etc/default/config
-mount -t proc proc $new/proc
-mount -t sysfs sysfs $new/sys
-mount -t devtmpfs devtmpfs $new/dev
-mkdir -p $new/dev/shm $new/dev/pts
-ln -sfn /proc/self/fd $new/dev/fd
-mount -t devpts devpts $new/dev/pts
-for folder in run data tmp dev/shm; do
-    mount -t tmpfs tmpfs $new/$folder
-done
-chmod 1777 $new/tmp $new/dev/shm
+. "$repo/tests/support/guest_root.sh"
+make_guest_root / /run $new || give_up "no overlay file system"
 for folder in "$repo" "$bin" "$run"; do
     mkdir -p "$new$folder"
     mount --bind "$folder" "$new$folder"

@@ -20,7 +20,7 @@ from kt_system.rest import Rest  # noqa: E402
 
 def pytest_configure(config):
     if not lane.LANE:
-        pytest.exit("run these through tests/support/lane_softcan.sh or lane_k.sh", 2)
+        pytest.exit("run these through the lane scripts in tests/support", 2)
 
 
 # Hundreds of requests each, none of which a kernel or a second thread has a part in. Lane K and
@@ -53,12 +53,81 @@ WITHOUT_KERNEL = {
     "tour_test",
 }
 
+# What runs in lane C, where a frame crosses a wire between two interfaces.
+ON_CONTROLLERS = {
+    "controller_test",
+    "can_bus_test",
+    "fault_protection_test",
+    "traffic_test",
+    "transactions_test",
+}
+
+# What lane A runs by default: files, and tests by how they begin. Whatever depends on the size and
+# alignment of numbers, and a little of everything else, since an emulated processor takes a second
+# or two for each.
+ON_ARM = (
+    "arm_test",
+    "bus_state_test",
+    "codec_test",
+    "config_file_export_test::test_a_configuration_goes_there_and_back",
+    "config_file_export_test::test_what_was_made_through_the_other_endpoints",
+    "config_file_import_test::test_curl_imports_a_file",
+    "kt_tag_test::test_floats",
+    "kt_tag_test::test_integers_are_exact",
+    "kt_tag_test::test_number_in_a_wider_tag",
+    "kt_tag_test::test_watch_prints_changes",
+    "rest_action_test::test_an_apply_brings",
+    "rest_action_test::test_a_discard_brings",
+    "rest_device_test::test_a_device_with_its_tree",
+    "rest_device_test::test_keys_ascend",
+    "rest_read_test::test_device_shows_its_tree",
+    "rest_read_test::test_diagnose_counts",
+    "rest_read_test::test_overview_",
+    "rest_transaction_test::test_a_device_id_is_cut",
+    "rest_transaction_test::test_scaling_numbers",
+    "service_test::test_a_changed_schema_migrates",
+    "service_test::test_a_corrupt_database",
+    "service_test::test_a_stop_signal",
+    "service_test::test_first_start",
+    "service_test::test_the_working_copy_outlives",
+    "stop_test::test_sigterm_",
+    "traffic_test::test_extended",
+    "traffic_test::test_frames_are_recorded",
+    "transactions_test",
+)
+
+# These need what only one lane has.
+ONLY_IN = {"controller_test": "controllers", "arm_test": "arm"}
+
+
+def asked_for(variable: str) -> bool:
+    return os.environ.get(variable) == "1"
+
+
+def runs_here(file: str, test: str = "") -> bool:
+    """Whether this lane takes the test, or without one, any test of the file."""
+    if file in ONLY_IN:
+        return ONLY_IN[file] == lane.LANE
+    if asked_for("KT_ALL_TESTS"):
+        return True
+    if lane.CONTROLLERS:
+        return file in ON_CONTROLLERS
+    if lane.ARM and asked_for("KT_CHOSEN_TESTS"):
+        if not test:
+            return any(entry.split("::")[0] == file for entry in ON_ARM)
+        return f"{file}::{test}".startswith(ON_ARM)
+    reduced = lane.KERNEL or asked_for("KT_BUS_TESTS")
+    return not reduced or file not in WITHOUT_KERNEL
+
+
+def pytest_ignore_collect(collection_path):
+    """A slow machine need not even read what it leaves out."""
+    file = collection_path.stem
+    return True if file.endswith("_test") and not runs_here(file) else None
+
 
 def pytest_collection_modifyitems(config, items):
-    reduced = lane.KERNEL or os.environ.get("KT_BUS_TESTS") == "1"
-    if not reduced or os.environ.get("KT_ALL_TESTS") == "1":
-        return
-    left_out = [item for item in items if item.path.stem in WITHOUT_KERNEL]
+    left_out = [item for item in items if not runs_here(item.path.stem, item.name)]
     config.hook.pytest_deselected(items=left_out)
     items[:] = [item for item in items if item not in left_out]
 
@@ -84,11 +153,11 @@ def rest(gateway):
 
 @pytest.fixture
 def bus():
-    """bus(port): a node on that port, the first by default. One socket per call."""
+    """bus(port): a node on that port's bus, the first by default. One socket per call."""
     nodes = []
 
     def make(port: str = lane.PORTS[0]) -> Bus:
-        nodes.append(Bus(port))
+        nodes.append(Bus(lane.far_end(port)))
         return nodes[-1]
 
     yield make
@@ -98,11 +167,11 @@ def bus():
 
 @pytest.fixture
 def candump():
-    """candump(port, *options): candump on that port, listening."""
+    """candump(port, *options): candump on that port's bus, listening."""
     running = []
 
     def make(port: str = lane.PORTS[0], *options: str) -> Candump:
-        running.append(Candump(port, *options))
+        running.append(Candump(lane.far_end(port), *options))
         return running[-1]
 
     yield make
@@ -112,11 +181,11 @@ def candump():
 
 @pytest.fixture
 def demo_device(gateway):
-    """demo_device(port, *options): the demonstration device on that port, listening."""
+    """demo_device(port, *options): the demonstration device on that port's bus."""
     running = []
 
     def make(port: str = lane.PORTS[0], *options: str) -> DemoDevice:
-        running.append(DemoDevice(port, *options, environment=gateway.environment))
+        running.append(DemoDevice(lane.far_end(port), *options, environment=gateway.environment))
         return running[-1]
 
     yield make

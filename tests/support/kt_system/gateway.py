@@ -254,6 +254,7 @@ class Gateway(Observer):
             variables.pop("KT_CAN_PORTS", None)
         else:
             variables["KT_ROOT"] = self.root
+        if not lane.KERNEL or lane.CONTROLLERS:
             variables["KT_CAN_PORTS"] = ",".join(lane.PORTS)
         return variables
 

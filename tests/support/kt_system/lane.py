@@ -1,4 +1,5 @@
-"""Where the tests run: over kt-softcan on this machine, or on a SocketCAN kernel (lane K)."""
+"""Where the tests run: over kt-softcan on this machine, or on a SocketCAN kernel with vcan ports
+(lane K, on 32-bit ARM lane A) or with controllers (lane C)."""
 
 import os
 import pathlib
@@ -7,12 +8,26 @@ import time
 REPO = pathlib.Path(__file__).resolve().parents[3]
 BIN = pathlib.Path(os.environ.get("KT_BIN", REPO / "build/release/bin"))
 LANE = os.environ.get("KT_LANE", "")
-KERNEL = LANE == "kernel"
+CONTROLLERS = LANE == "controllers"
+ARM = LANE == "arm"
+KERNEL = LANE in ("kernel", "controllers", "arm")
 PORTS = ("can0", "can1")
 
-# In lane K the service's folders are emptied for every test: never do that to a real machine.
-if KERNEL and "User Mode Linux" not in pathlib.Path("/proc/cpuinfo").read_text("ascii"):
-    raise SystemExit("KT_LANE=kernel is for tests/support/lane_k.sh only")
+# The other end of a port's bus, where that is an interface of its own
+FAR_ENDS = {"can0": "can2", "can1": "can3"} if CONTROLLERS else {}
+
+
+def on_a_guest() -> bool:
+    """Whether this machine is one that a lane made."""
+    return (
+        "User Mode Linux" in pathlib.Path("/proc/cpuinfo").read_text("ascii")
+        or " kt.lane=" in pathlib.Path("/proc/cmdline").read_text("ascii")
+    )
+
+
+# On a kernel the service's folders are emptied for every test: never do that to a real machine.
+if KERNEL and not on_a_guest():
+    raise SystemExit(f"KT_LANE={LANE} is for the lane scripts in tests/support only")
 
 # Sanitizers and the user-mode kernel are slow; every deadline stretches, no interval does.
 TIME_FACTOR = float(os.environ.get("KT_TIME_FACTOR", "1"))
@@ -27,6 +42,11 @@ def scaled(seconds: float) -> float:
 
 def program(name: str) -> str:
     return str(BIN / name)
+
+
+def far_end(port: str) -> str:
+    """The interface at which another node of the port's bus sits."""
+    return FAR_ENDS.get(port, port)
 
 
 def wait_until(predicate, timeout: float = 5.0, what="the condition"):
