@@ -12,3 +12,7 @@ set_target_properties(dx_test PROPERTIES DISABLE_PRECOMPILE_HEADERS ON) # read w
 # A provider for tests of kt-tag and other clients.
 add_executable(dx-test-provider ${CMAKE_CURRENT_LIST_DIR}/../../support/dx_provider.cpp)
 target_link_libraries(dx-test-provider PRIVATE kt-dx kt_options)
+
+# Load on the bus and on tags, and how long values take, for tests that run long.
+add_executable(load-node ${CMAKE_CURRENT_LIST_DIR}/../../support/load_node.cpp)
+target_link_libraries(load-node PRIVATE kt-dx kt_options)
