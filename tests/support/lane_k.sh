@@ -56,7 +56,8 @@ color=no
     printf '%q ' --color=$color -c tests/system/pytest.ini $tests ${junit:+--junitxml="$junit"} "$@"
     printf ')\n'
     printf 'export KT_LANE=kernel KT_BIN=%q KT_TIME_FACTOR=%q\n' "$bin" "${KT_TIME_FACTOR:-4}"
-    for name in KT_ALL_TESTS KT_MODEL_SEED KT_MODEL_SECONDS KT_LOAD_SECONDS; do
+    for name in KT_ALL_TESTS KT_MODEL_SEED KT_MODEL_SECONDS KT_LOAD_SECONDS KT_BUS_SECONDS KT_CLASH_SECONDS \
+        KT_CLOCK_WRAP; do
         [ -z "${!name:-}" ] || printf 'export %s=%q\n' "$name" "${!name}"
     done
     echo ". $(printf %q "$repo/tests/support/lane_k_init.sh")"

@@ -165,7 +165,7 @@ class RestReader(threading.Thread):
 @contextlib.contextmanager
 def load(options, gateway: Gateway):
     """The programs, by what they do; those that measure print a line for each try."""
-    node = lane.program("load-node")
+    node = lane.helper("bin/load-node")
     environment = gateway.environment
     commands = {}
     for number, port in enumerate(lane.PORTS, 1):

@@ -12,6 +12,13 @@ from kt_system.rows import U16, consume, device, frame, tag
 PASSIVE, ACTIVE, WARNING = "0010", "0040", "0004"
 
 
+def start(gateway):
+    """With a device on each port: a port that starts late would set the LED to normal again."""
+    heard = [consume("state", frame(can_id, 2, tag("speed", U16))) for can_id in (0x181, 0x182)]
+    gateway.configure(device("drive", heard[0]), device("other", heard[1], port=2))
+    gateway.start()
+
+
 def wait_state(gateway, state):
     wait_until(
         lambda: gateway.diagnose(1)["state"] == state, 5, lambda: f"{state}: {gateway.diagnose(1)}"
@@ -23,8 +30,7 @@ def wait_led(gateway, text):
 
 
 def test_the_bus_state_walks_through_error_passive_and_bus_off_and_back(gateway, bus):
-    gateway.configure(device("drive", consume("state", frame(0x181, 2, tag("speed", U16)))))
-    gateway.start()
+    start(gateway)
     node = bus()
     wait_state(gateway, "Normal")
     wait_led(gateway, "state 1")
@@ -50,8 +56,7 @@ def test_the_bus_state_walks_through_error_passive_and_bus_off_and_back(gateway,
 
 
 def test_back_to_error_active_shows_failed_transactions_again(gateway, bus):
-    gateway.configure(device("drive", consume("state", frame(0x181, 2, tag("speed", U16)))))
-    gateway.start()
+    start(gateway)
     node = bus()
     node.send(0x181, "00")
     wait_led(gateway, "state 4")
@@ -65,8 +70,7 @@ def test_back_to_error_active_shows_failed_transactions_again(gateway, bus):
 
 
 def test_protocol_errors_are_counted_when_they_come_with_a_controller_class(gateway, bus):
-    gateway.configure(device("drive", consume("state", frame(0x181, 2, tag("speed", U16)))))
-    gateway.start()
+    start(gateway)
     node = bus()
     both = ERROR_PROTOCOL | ERROR_CONTROLLER
     wait_state(gateway, "Normal")
@@ -80,8 +84,7 @@ def test_protocol_errors_are_counted_when_they_come_with_a_controller_class(gate
 
 
 def test_ten_failures_in_a_row_raise_one_event_and_count_ten(gateway, bus):
-    gateway.configure(device("drive", consume("state", frame(0x181, 2, tag("speed", U16)))))
-    gateway.start()
+    start(gateway)
     node = bus()
     for _ in range(10):
         node.send(0x181, "00")

@@ -9,7 +9,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
-from kt_system import lane  # noqa: E402
+from kt_system import clocks, lane  # noqa: E402
 from kt_system.bus import Bus, Candump  # noqa: E402
 from kt_system.device import DemoDevice  # noqa: E402
 from kt_system.gateway import Gateway  # noqa: E402
@@ -51,6 +51,7 @@ WITHOUT_KERNEL = {
     "rest_read_test",
     "rest_transaction_test",
     "tour_test",
+    "trend_test",
 }
 
 # What runs in lane C, where a frame crosses a wire between two interfaces.
@@ -257,6 +258,8 @@ def softcan_fault():
     """softcan_fault("can0", "txfull", "500"): inject a fault; a kernel has none to inject."""
     if lane.KERNEL:
         pytest.skip("faults are injected by kt-softcan only")
+    if clocks.WRAP_SECONDS:
+        pytest.skip("kt-softcan ends its faults by the machine's clock")
 
     def inject(port: str, *fault: str) -> None:
         program = os.environ["KT_SOFTCAN_PROGRAM"]
@@ -265,6 +268,21 @@ def softcan_fault():
     yield inject
     for port in lane.PORTS:
         inject(port, "clear")
+
+
+@pytest.fixture
+def interface():
+    """interface(port, present): unplug a port or plug it in again."""
+
+    def change(port: str, present: bool) -> None:
+        if lane.KERNEL:
+            action = ["add", "dev", port, "type", "vcan"] if present else ["del", port]
+            subprocess.run(["ip", "link", *action], check=True)
+        else:
+            program = os.environ["KT_SOFTCAN_PROGRAM"]
+            subprocess.run([program, "port", "add" if present else "remove", port], check=True)
+
+    return change
 
 
 @pytest.fixture

@@ -11,9 +11,10 @@ import sqlite3
 import struct
 import subprocess
 import threading
+import time
 from typing import NamedTuple
 
-from . import lane, rows
+from . import clocks, lane, rows
 from .lane import scaled, wait_until
 from .observe import Observer
 from .tags import Tags, block_tag, status_tag
@@ -134,6 +135,8 @@ class Gateway(Observer):
         environment adds to the variables (None removes one); wrapper is a command in front.
         """
         assert self.process is None, "already started"
+        if clocks.WRAP_SECONDS:
+            self.wrap_clock_in(float(clocks.WRAP_SECONDS))
         self._log_start = self._stderr.stat().st_size if self._stderr.exists() else 0
         variables = {**self.environment, **(environment or {})}
         with open(self._stderr, "ab") as stderr, open(self._stdout, "ab") as stdout:
@@ -147,6 +150,13 @@ class Gateway(Observer):
             )
         if wait:
             self.wait_ready()
+
+    def wrap_clock_in(self, seconds: float, turn: int = clocks.WHOLE_TURN) -> float:
+        """The service that is started next, and kt-tag: their millisecond clock is that long
+        before its wrap. Returns the moment of the wrap, as time.monotonic() tells it."""
+        moment = time.monotonic() + seconds
+        self.environment.update(clocks.shifted(turn - round(1000 * moment)))
+        return moment
 
     def wait_ready(self, timeout: float = 10.0) -> None:
         """A port's tags stand once its socket is bound: from then on no frame is missed."""

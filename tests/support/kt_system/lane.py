@@ -49,6 +49,12 @@ def far_end(port: str) -> str:
     return FAR_ENDS.get(port, port)
 
 
+def helper(name: str) -> str:
+    """A program or library of the tests: a plain build's, whatever the service carries."""
+    plain = REPO / "build/release" / name
+    return str(plain if plain.exists() else BIN.parent / name)
+
+
 def wait_until(predicate, timeout: float = 5.0, what="the condition"):
     """Poll until predicate() is truthy and return that value; what may be a function."""
     deadline = time.monotonic() + scaled(timeout)
