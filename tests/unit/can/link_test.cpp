@@ -320,6 +320,18 @@ TEST_F(lost_link, is_looked_for_once_a_second) {
     EXPECT_THAT(commands.calls(), IsEmpty());
 }
 
+TEST_F(lost_link, is_looked_for_across_the_wrap_of_the_clock) {
+    can_clock_set(0xfffffe00U);
+    (void)note(ENODEV);
+    EXPECT_EQ(module.link_retry, 0x1e8U);
+    can_calls().interface_index = 0;
+    can_link_recover(&module, 0xffffffffU);
+    can_link_recover(&module, 0x1e7);
+    EXPECT_THAT(can_take_lines(), IsEmpty());
+    can_link_recover(&module, 0x1e8);
+    EXPECT_THAT(can_take_lines(), ElementsAre("index can0"));
+}
+
 TEST_F(lost_link, that_returns_is_configured_and_gets_a_new_socket) {
     (void)note(ENODEV);
     const int before = module.socket;

@@ -612,6 +612,29 @@ TEST_F(transaction_engine, a_response_deadline_may_lie_behind_the_wrap_of_the_cl
     EXPECT_THAT(pass_at(0x24 + 100), ElementsAre("result r timeout"));
 }
 
+TEST_F(transaction_engine, a_cyclic_request_comes_home_and_again_across_the_wrap_of_the_clock) {
+    transaction_config *request = can_add_request(device(), "r", TRIGGER_CYCLIC, 0x20, 0x21);
+    request->cyclicInterval = 200;
+    build(0xffffff00U);
+    EXPECT_THAT(pass_at(0xffffffc8U), ElementsAre("send 20#00")); // waits until 0x2c
+    EXPECT_THAT(pass_at(0x2b), IsEmpty());
+    EXPECT_THAT(pass_at(0x2c), ElementsAre("result r timeout"));
+    EXPECT_EQ(info("r")->next_send, 0x2cU + 200);
+    EXPECT_THAT(pass_at(0x2c + 199), IsEmpty());
+    EXPECT_THAT(pass_at(0x2c + 200), ElementsAre("send 20#00"));
+}
+
+TEST_F(transaction_engine, a_bootup_request_times_out_across_the_wrap_of_the_clock) {
+    can_add_request(device(), "r", TRIGGER_BOOTUP, 0x20, 0x21);
+    can_add_produce(device(), "p", TRIGGER_CYCLIC, 0x10)->cyclicInterval = 50;
+    build(0xffffffc0U);
+    EXPECT_THAT(pass(), ElementsAre("send 20#00")); // waits until 0x24
+    EXPECT_THAT(pass_at(0xffffffffU), IsEmpty());
+    EXPECT_THAT(pass_at(0x23), IsEmpty());
+    EXPECT_THAT(pass_at(0x24), ElementsAre("result r timeout"));
+    EXPECT_THAT(pass_at(0x25), ElementsAre("send 10#00", "result p success"));
+}
+
 TEST_F(transaction_engine, completed_requests_make_room_for_the_next_in_the_same_pass) {
     can_add_request(device(), "a", TRIGGER_ON_CHANGE, 0x20, 0x21);
     can_add_request(device(), "b", TRIGGER_ON_CHANGE, 0x22, 0x23);
