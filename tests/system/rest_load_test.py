@@ -1,4 +1,6 @@
-"""Sixteen clients at once, for a minute or KT_LOAD_SECONDS, with traffic on both ports."""
+"""Many clients at once: sixteen for a minute or KT_LOAD_SECONDS, with traffic on both ports; eight
+for a minute or KT_CLASH_SECONDS that apply, discard, export and import all the time, while others
+write tags as fast as they can."""
 
 import collections
 import contextlib
@@ -27,11 +29,14 @@ from kt_system.rest import (
     tag_json,
     without,
 )
-from kt_system.rows import U16, consume, device, frame, tag
+from kt_system.rows import U16, U32, consume, device, frame, produce, tag
 from kt_system.tags import block_tag
 
 SECONDS = float(os.environ.get("KT_LOAD_SECONDS", "60"))
+CLASH_SECONDS = float(os.environ.get("KT_CLASH_SECONDS", "60"))
 CLIENTS = 16
+CLASH_CLIENTS = 8
+STALL_SECONDS = 30  # without an answer, beyond which a client counts as hung
 KEPT_PER_CLIENT = 5  # applied transactions that stay, of 512
 RESIDENT_GROWTH_KIB = 4096
 BASE_IDS = {1: 0x181, 2: 0x281}
@@ -49,21 +54,37 @@ def gateway():
 
 
 class Discards:
-    """A discard takes back what others have not applied, and ids may come again with another
-    owner. So it excludes requests that change a row by an id that was looked up before, and its
+    """A discard, and an import of a file that was exported before, takes back what others have not
+    applied, and ids may come again with another owner. So it excludes requests that change a row by an id that was looked up before, and its
     counts tell whether a row may be missing: one made since may be, if more discards have begun
     than had ended before it."""
 
     def __init__(self):
         self.excluded = threading.Lock()
+        self.applying = threading.Lock()  # no apply between an export and its import
         self.begun = 0
         self.ended = 0
+
+
+WEIGHTS = {
+    "read": 60,
+    "make": 14,
+    "change": 10,
+    "remove": 10,
+    "make_device": 2,
+    "set_port": 3,
+    "send_nonsense": 5,
+    "make_and_apply": 2,
+    "discard": 2,
+    "export": 0,
+    "import_again": 0,
+}
 
 
 class Client(threading.Thread):
     """Owns one device, in which it makes, changes and removes transactions."""
 
-    def __init__(self, number: int, rest, discards: Discards, end: float):
+    def __init__(self, number: int, rest, discards: Discards, end: float, **weights: int):
         super().__init__(name=f"client-{number}", daemon=True)
         self.device_name = client_name(number)
         self.device = len(BASE_IDS) + 1 + number
@@ -77,22 +98,14 @@ class Client(threading.Thread):
         self.counts: collections.Counter = collections.Counter()
         self.seconds: list[float] = []
         self.failure: BaseException | None = None
+        self.weights = {**WEIGHTS, **weights}
+        self.answered = time.monotonic()
 
     def run(self) -> None:
-        actions = [
-            (self.read, 60),
-            (self.make, 14),
-            (self.change, 10),
-            (self.remove, 10),
-            (self.make_device, 2),
-            (self.set_port, 3),
-            (self.send_nonsense, 5),
-            (self.make_and_apply, 2),
-            (self.discard, 2),
-        ]
+        actions = [getattr(self, name) for name in self.weights]
         try:
             while time.monotonic() < self.end:
-                self.random.choices(*zip(*actions))[0]()
+                self.random.choices(actions, self.weights.values())[0]()
         except BaseException as error:  # the test's thread judges it
             self.failure = error
 
@@ -100,7 +113,8 @@ class Client(threading.Thread):
         """Ask, judge that the answer is a documented one and among those that can be here."""
         start = time.monotonic()
         answer = self.rest.request(method, path, body)
-        self.seconds.append(time.monotonic() - start)
+        self.answered = time.monotonic()
+        self.seconds.append(self.answered - start)
         self.counts[kind] += 1
         if answer.status >= 300:
             assert answer.code in allowed, (method, path, answer.body)
@@ -127,12 +141,16 @@ class Client(threading.Thread):
         assert data["deviceName"] == self.device_name
         return {row["transactionName"]: row["transactionId"] for row in data["transactionList"]}
 
+    def frames(self, name: str) -> list[dict]:
+        """As many as a file may have of the transaction: one sent, and every other name's response.
+        """
+        sent = frame_json(next(self.can_ids), tag_json("t", access="wo"), constant_json())
+        response = frame_json(next(self.can_ids), constant_json())
+        return [sent, response] if is_request(name) else [sent]
+
     def body(self, name: str) -> dict:
-        frames = [
-            frame_json(next(self.can_ids), tag_json("t", access="wo"), constant_json()),
-            frame_json(next(self.can_ids), constant_json()),
-        ]
-        return self.random.choice([produce_json, request_json])(name, *frames, trigger=2)
+        make = request_json if is_request(name) else produce_json
+        return make(name, *self.frames(name), trigger=2)
 
     def make(self) -> tuple[str, int]:
         """A transaction; its name, and the count of discards that had ended before it."""
@@ -152,8 +170,7 @@ class Client(threading.Thread):
         with self.discards.excluded:
             if row := self.pick():
                 name, number = row
-                names = ("x", "y")
-                frames = {"frameList": [frame_json(next(self.can_ids), tag_json(n)) for n in names]}
+                frames = {"frameList": self.frames(name)}
                 self.ask("changes", "PUT", f"/frame/{number}", frames)
                 body = without(self.body(name), "frameList")
                 self.ask("changes", "PATCH", f"/transaction/{number}", body)
@@ -165,7 +182,7 @@ class Client(threading.Thread):
 
     def make_device(self) -> None:
         """Ids end at 255, and the next one is above the last."""
-        body = device_json("passing", self.body("a"), self.body("b"), port=2)
+        body = device_json("passing", self.body("t0"), self.body("t1"), port=2)
         with self.discards.excluded:
             answer = self.ask("changes", "POST", "/device", body, allowed=(-8,))
             if answer.status == 201:
@@ -189,10 +206,11 @@ class Client(threading.Thread):
         self.ask("changes", method, path, body, allowed=(code,))
 
     def make_and_apply(self) -> None:
-        name, before = self.make()
-        self.ask("applies", "POST", "/action", {"option": 0})
-        if self.discards.begun == before and len(self.kept) < KEPT_PER_CLIENT:
-            self.kept.add(name)  # nothing may take it away any more
+        with self.discards.applying:
+            name, before = self.make()
+            self.ask("applies", "POST", "/action", {"option": 0})
+            if self.discards.begun == before and len(self.kept) < KEPT_PER_CLIENT:
+                self.kept.add(name)  # nothing may take it away any more
         assert self.kept <= set(self.transactions())
 
     def discard(self) -> None:
@@ -201,6 +219,29 @@ class Client(threading.Thread):
             self.ask("discards", "POST", "/action", {"option": 1})
             self.discards.ended += 1
         assert self.kept <= set(self.transactions())
+
+
+    def export(self) -> None:
+        text = self.ask("exports", "GET", "/config-file").body.decode()
+        for name in self.kept:
+            assert name in text, f"{name} is not in the file"
+
+    def import_again(self) -> None:
+        """What is applied is in the file, too, so it stays."""
+        with self.discards.excluded, self.discards.applying:
+            self.discards.begun += 1
+            text = self.ask("exports", "GET", "/config-file").body
+            start = time.monotonic()
+            answer = self.rest.upload(text)
+            self.seconds.append(time.monotonic() - start)
+            assert answer.status < 300, (answer, text)
+            self.counts["imports"] += 1
+            self.discards.ended += 1
+        assert self.kept <= set(self.transactions())
+
+
+def is_request(name: str) -> bool:
+    return int(name[1:]) % 2 == 1
 
 
 def client_name(number: int) -> str:
@@ -255,19 +296,100 @@ class FrameCount(threading.Thread):
                     last[port] = count
 
 
-def test_sixteen_clients_for_a_minute(gateway, rest, bus, tags, capsys):
-    gateway.configure(
-        *(
-            device(f"base{port}", consume("state", frame(can_id, 8, tag("value", U16))), port=port)
-            for port, can_id in BASE_IDS.items()
-        ),
-        *(device(client_name(number), port=1 + number % 2) for number in range(CLIENTS)),
-    )
+def base_devices() -> list:
+    """Of each port, what it hears and what tag writers send."""
+    return [
+        device(
+            f"base{port}",
+            consume("state", frame(can_id, 8, tag("value", U16))),
+            produce("command", frame(can_id + 1, 4, tag("target", U32, access="wo")), trigger=1),
+            port=port,
+        )
+        for port, can_id in BASE_IDS.items()
+    ]
+
+
+def start_with_devices(gateway, clients: int) -> dict:
+    """Returns which files the databases are."""
+    own = (device(client_name(number), port=1 + number % 2) for number in range(clients))
+    gateway.configure(*base_devices(), *own)
     gateway.start()
-    nodes = {
-        database: gateway.path(database).stat().st_ino
-        for database in (DEFAULT_DB, PERSISTENT_DB, WORKING_DB)
-    }
+    return inodes(gateway)
+
+
+def inodes(gateway) -> dict[str, int]:
+    databases = (DEFAULT_DB, PERSISTENT_DB, WORKING_DB)
+    return {database: gateway.path(database).stat().st_ino for database in databases}
+
+
+def wait_for_all(clients: list[Client], gateway) -> None:
+    """Until each has ended. One that hangs is told of with what the service's threads wait for."""
+    while any(client.is_alive() for client in clients):
+        time.sleep(0.5)
+        for client in clients:
+            stalled = time.monotonic() - client.answered > scaled(STALL_SECONDS)
+            assert not (client.is_alive() and stalled), (client.name, waiting_threads(gateway))
+    for client in clients:
+        if client.failure:
+            raise client.failure
+
+
+def waiting_threads(gateway) -> dict[str, str]:
+    found = {}
+    for task in pathlib.Path(f"/proc/{gateway.process.pid}/task").iterdir():
+        with contextlib.suppress(OSError):
+            name = (task / "comm").read_text().strip()
+            found[f"{name} {task.name}"] = (task / "wchan").read_text()
+    return found
+
+
+def kept_of(clients: list[Client]) -> set[tuple[str, str]]:
+    return {(client.device_name, name) for client in clients for name in client.kept}
+
+
+def summary(clients: list[Client], seconds: float) -> str:
+    counts = sum((client.counts for client in clients), collections.Counter())
+    times = sorted(seconds for client in clients for seconds in client.seconds)
+    kinds = ("reads", "changes", "applies", "discards", "exports", "imports", "refused")
+    return (
+        f"{len(clients)} clients, {seconds:g} s, {len(times)} requests"
+        f" ({', '.join(f'{counts[kind]} {kind}' for kind in kinds)}),"
+        f" answers {1000 * statistics.median(times):.1f} ms median"
+        f" {1000 * times[int(0.99 * len(times))]:.1f} ms p99 {1000 * times[-1]:.1f} ms max,"
+        f" {len(kept_of(clients))} applied transactions kept"
+    )
+
+
+def judge_databases(gateway, rest, kept: set[tuple[str, str]], nodes: dict[str, int]) -> None:
+    """Nothing that was committed and applied is lost, in the working copy nor on flash, and no
+    database was removed and made anew."""
+    rest.discard()
+    base = {(f"base{port}", name) for port in BASE_IDS for name in ("state", "command")}
+    for database in (WORKING_DB, PERSISTENT_DB):
+        rows = gateway.query(
+            "SELECT deviceName, transactionName FROM transactions JOIN device USING (deviceId)",
+            database=database,
+        )
+        assert kept <= set(rows) and base <= set(rows)
+        assert gateway.query("PRAGMA integrity_check", database=database) == [("ok",)]
+        assert gateway.query("PRAGMA foreign_key_check", database=database) == []
+    assert not any("corrupt" in message.text for message in gateway.messages)
+    assert inodes(gateway) == nodes
+
+
+def judge_ports(gateway, rest, bus, tags) -> None:
+    """Every port still serves, in the last pass as in the first. A pass takes the working copy as
+    it finds it, edits behind its apply included: only one more apply makes sure what runs."""
+    rest.apply()
+    wait_until(lambda: len(rest.port_threads()) == len(lane.PORTS), 10.0, "every port's thread")
+    gateway.wait_ready()
+    for port, name in enumerate(lane.PORTS, 1):
+        bus(name).send(BASE_IDS[port], "3412000000000000")
+        tags.wait_for(block_tag(f"base{port}", "state", "value"), 0x1234, 10.0)
+
+
+def test_sixteen_clients_for_a_minute(gateway, rest, bus, tags, capsys):
+    nodes = start_with_devices(gateway, CLIENTS)
     discards = Discards()
     frames = FrameCount(rest)
     with traffic():
@@ -278,51 +400,64 @@ def test_sixteen_clients_for_a_minute(gateway, rest, bus, tags, capsys):
             client.start()
         time.sleep(SECONDS / 4)  # caches and heaps find their size
         before = resident_kib(gateway)
-        for client in clients:
-            client.join(scaled(SECONDS + 60))
-            assert not client.is_alive()
+        wait_for_all(clients, gateway)
         after = resident_kib(gateway)
         assert gateway.running(), gateway.stderr[-2000:]
         frames.ended.set()
         frames.join(scaled(30))
-    failures = [client.failure for client in clients if client.failure]
-    if failures:
-        raise failures[0]
-
-    counts = sum((client.counts for client in clients), collections.Counter())
-    times = sorted(seconds for client in clients for seconds in client.seconds)
-    kept = {(client.device_name, name) for client in clients for name in client.kept}
     with capsys.disabled():
         print(
-            f"\nload: {CLIENTS} clients, {SECONDS:g} s, {len(times)} requests"
-            f" ({counts['reads']} reads, {counts['changes']} changes, {counts['applies']} applies,"
-            f" {counts['discards']} discards, {counts['refused']} refused),"
-            f" answers {1000 * statistics.median(times):.1f} ms median"
-            f" {1000 * times[int(0.99 * len(times))]:.1f} ms p99 {1000 * times[-1]:.1f} ms max,"
-            f" {len(kept)} applied transactions kept, {sum(frames.total.values())} frames,"
+            f"\nload: {summary(clients, SECONDS)}, {sum(frames.total.values())} frames,"
             f" RSS {before} to {after} KiB"
         )
-
     assert min(frames.total.values()) > 50 * SECONDS, frames.total
-    # Nothing that was committed and applied is lost, in the working copy nor on flash.
-    rest.discard()
-    for database in (WORKING_DB, PERSISTENT_DB):
-        rows = gateway.query(
-            "SELECT deviceName, transactionName FROM transactions JOIN device USING (deviceId)",
-            database=database,
-        )
-        assert kept <= set(rows) and {("base1", "state"), ("base2", "state")} <= set(rows)
-        assert gateway.query("PRAGMA integrity_check", database=database) == [("ok",)]
-        assert gateway.query("PRAGMA foreign_key_check", database=database) == []
-    # No database was removed and made anew.
-    assert not any("corrupt" in message.text for message in gateway.messages)
-    assert nodes == {database: gateway.path(database).stat().st_ino for database in nodes}
-    # Every port still serves, in the last pass as in the first. A pass takes the working copy as it
-    # finds it, edits behind its apply included: only one more apply makes sure what runs.
-    rest.apply()
-    wait_until(lambda: len(rest.port_threads()) == len(lane.PORTS), 10.0, "every port's thread")
-    gateway.wait_ready()
-    for port, name in enumerate(lane.PORTS, 1):
-        bus(name).send(BASE_IDS[port], "3412000000000000")
-        tags.wait_for(block_tag(f"base{port}", "state", "value"), 0x1234, 10.0)
+    judge_databases(gateway, rest, kept_of(clients), nodes)
+    judge_ports(gateway, rest, bus, tags)
     assert after - before < RESIDENT_GROWTH_KIB
+
+
+@contextlib.contextmanager
+def tag_writers(gateway):
+    """On each port, as fast as they can."""
+    with contextlib.ExitStack() as running:
+        yield [
+            running.enter_context(
+                LineReader(
+                    [lane.helper("bin/load-node"), "write", "0",
+                     block_tag(f"base{port}", "command", "target")],
+                    gateway.environment,
+                )
+            )
+            for port in BASE_IDS
+        ]
+
+
+def test_passes_requests_and_tag_writes_clash(gateway, rest, bus, tags, capsys):
+    """Port threads start anew all the time under everything else that goes on."""
+    nodes = start_with_devices(gateway, CLASH_CLIENTS)
+    discards = Discards()
+    weights = {"read": 20, "make_and_apply": 12, "discard": 4, "export": 6, "import_again": 5}
+    passes = set()
+    with traffic(), tag_writers(gateway) as writers:
+        end = time.monotonic() + CLASH_SECONDS
+        clients = [
+            Client(number, rest, discards, end, **weights) for number in range(CLASH_CLIENTS)
+        ]
+        for client in clients:
+            client.start()
+        while time.monotonic() < end:
+            passes |= rest.port_threads()
+            time.sleep(0.05)
+        wait_for_all(clients, gateway)
+        assert gateway.running(), gateway.stderr[-2000:]
+    written = [int(writer.lines[-1].split()[1]) for writer in writers]
+    with capsys.disabled():
+        print(
+            f"\nclash: {summary(clients, CLASH_SECONDS)}, {len(passes)} port threads seen,"
+            f" {sum(written)} tag writes"
+        )
+    counts = sum((client.counts for client in clients), collections.Counter())
+    assert min(counts[kind] for kind in ("applies", "discards", "exports", "imports")) > 0
+    assert min(written) > 0 and len(passes) > 2 * len(BASE_IDS)
+    judge_databases(gateway, rest, kept_of(clients), nodes)
+    judge_ports(gateway, rest, bus, tags)
