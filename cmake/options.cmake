@@ -9,6 +9,14 @@ set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# On 32 bits times end in January 2038 and a folder with a large inode number cannot be read, unless
+# a program asks for more. Whoever uses the installed libraries must ask for the same.
+set(kt_wide_types "")
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    set(kt_wide_types -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
+    add_compile_options(${kt_wide_types})
+endif()
+list(JOIN kt_wide_types " " kt_wide_type_flags)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
 add_library(kt_options INTERFACE)

@@ -2,10 +2,24 @@ include_guard()
 
 set(KT_TEST_DOUBLES ${CMAKE_CURRENT_LIST_DIR})
 
+# The names that the C library gives these where times have 64 bits and long has 32
+set(kt_wide_nanosleep __nanosleep64)
+set(kt_wide_select __select64)
+set(kt_wide_stat __stat64_time64)
+set(kt_wide_setsockopt __setsockopt64)
+set(kt_wide_getsockopt __getsockopt64)
+
 # kt_wrap(TARGET symbol...): calls of these functions reach the program's __wrap_ functions.
 function(kt_wrap target)
-    list(TRANSFORM ARGN PREPEND "LINKER:--wrap=")
-    target_link_options(${target} PRIVATE ${ARGN})
+    foreach(symbol ${ARGN})
+        set(linked ${symbol})
+        if(kt_wide_types AND DEFINED kt_wide_${symbol})
+            set(linked ${kt_wide_${symbol}})
+            target_compile_definitions(${target} PRIVATE __wrap_${symbol}=__wrap_${linked}
+                                                         __real_${symbol}=__real_${linked})
+        endif()
+        target_link_options(${target} PRIVATE LINKER:--wrap=${linked})
+    endforeach()
 endfunction()
 
 # kt_allocation_faults(TARGET): allocations of the code under test can be made to fail.

@@ -11,10 +11,10 @@ protected:
 
     static std::string section(int index) { return top(index) + file_rows().section[index] + "\n"; }
 
-    static long modified_ns(const std::string &file) {
+    static int64_t modified_ns(const std::string &file) {
         struct stat status {};
         EXPECT_EQ(stat(file.c_str(), &status), 0);
-        return status.st_mtim.tv_sec * 1000000000L + status.st_mtim.tv_nsec;
+        return int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec;
     }
 };
 
@@ -351,7 +351,7 @@ TEST_F(import_file, a_working_copy_that_is_not_there) {
 }
 
 TEST_F(import_file, an_import_is_a_change_and_a_failed_one_is_none) {
-    const long before = modified_ns(working_db_path());
+    const int64_t before = modified_ns(working_db_path());
     const std::string content = read(working_db_path());
     (void)refused(section(0) + section(1), "missing-table", "block", 3);
     EXPECT_EQ(modified_ns(working_db_path()), before);
@@ -362,7 +362,7 @@ TEST_F(import_file, an_import_is_a_change_and_a_failed_one_is_none) {
 
 TEST_F(import_file, a_failed_import_of_many_rows_is_no_change_either) {
     ASSERT_EQ(import(file_rows()), 0);
-    const long before = modified_ns(working_db_path());
+    const int64_t before = modified_ns(working_db_path());
     const std::string content = read(working_db_path());
     file_rows rows;
     for (int id = 10; id < 60000; id++) {
