@@ -23,7 +23,8 @@ inline void futex_wake_all(std::atomic<uint32_t> &word) {
  */
 inline bool
 futex_wait(std::atomic<uint32_t> &word, uint32_t expected, const timespec *timeout = nullptr) {
-    // The call knows the kernel's first kind of time only, also where the C library has a wider one.
+    // The call knows the kernel's first kind of time only, also where the C library has a wider
+    // one.
     long pair[2] = {LONG_MAX, 0};
     if (timeout != nullptr && timeout->tv_sec < LONG_MAX) {
         pair[0] = static_cast<long>(timeout->tv_sec);
