@@ -57,7 +57,7 @@ color=no
     printf ')\n'
     printf 'export KT_LANE=kernel KT_BIN=%q KT_TIME_FACTOR=%q\n' "$bin" "${KT_TIME_FACTOR:-4}"
     for name in KT_ALL_TESTS KT_MODEL_SEED KT_MODEL_SECONDS KT_LOAD_SECONDS KT_BUS_SECONDS KT_CLASH_SECONDS \
-        KT_CLOCK_WRAP; do
+        KT_CLOCK_WRAP KT_SOAK_SECONDS KT_SOAK_RATE; do
         [ -z "${!name:-}" ] || printf 'export %s=%q\n' "$name" "${!name}"
     done
     echo ". $(printf %q "$repo/tests/support/lane_k_init.sh")"

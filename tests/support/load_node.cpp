@@ -1,5 +1,4 @@
-// Load and latency for tests that run long: a node on a CAN port, a client of the tag store, or
-// both.
+// Load and latency for tests that run long: a node on a CAN port, a client of the tags, or both.
 //
 //   load-node send PORT RATE ID[,ID...] [DATA]   frames; DATA in hexadecimal, else a running number
 //   load-node write RATE TAG...                  values into tags, in turn
@@ -135,8 +134,8 @@ can_frame numbered_frame(canid_t id, uint32_t value) {
 can_frame fixed_frame(std::string_view digits) {
     can_frame frame{};
     frame.len = static_cast<uint8_t>(std::min<size_t>(digits.size() / 2, CAN_MAX_DLEN));
-    for (uint8_t i = 0; i < frame.len; i++) {
-        frame.data[i] = static_cast<uint8_t>(number(digits.substr(2U * i, 2), 16));
+    for (size_t i = 0; i < frame.len; i++) {
+        frame.data[i] = static_cast<uint8_t>(number(digits.substr(2 * i, 2), 16));
     }
     return frame;
 }
