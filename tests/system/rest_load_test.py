@@ -55,9 +55,9 @@ def gateway():
 
 class Discards:
     """A discard, and an import of a file that was exported before, takes back what others have not
-    applied, and ids may come again with another owner. So it excludes requests that change a row by an id that was looked up before, and its
-    counts tell whether a row may be missing: one made since may be, if more discards have begun
-    than had ended before it."""
+    applied, and ids may come again with another owner. So it excludes requests that change a row by
+    an id that was looked up before, and its counts tell whether a row may be missing: one made
+    since may be, if more discards have begun than had ended before it."""
 
     def __init__(self):
         self.excluded = threading.Lock()
