@@ -131,10 +131,10 @@ bool parse_integer(const value_type &type,
 template <typename T>
 bool parse_real(const value_type &type, std::string_view text, uint8_t *value, std::string &error) {
     std::string_view digits = text;
-    (void)take_prefix(digits, "+"); // may stand there
+    const bool two_signs = take_prefix(digits, "+") && digits.starts_with('-');
     T number = 0;
     const auto [end, code] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (code == std::errc::invalid_argument || end != digits.data() + digits.size()) {
+    if (two_signs || code == std::errc::invalid_argument || end != digits.data() + digits.size()) {
         error = quoted(text) + " is not a number";
         return false;
     }

@@ -96,6 +96,8 @@ TEST(value, a_value_that_does_not_fit_is_refused) {
     EXPECT_EQ(read_as<float>(9, "1e39"), "'1e39' is out of range for float");
     EXPECT_EQ(read_as<uint8_t>(5, "true"), "'true' is not an integer (decimal or 0x)");
     EXPECT_EQ(read_as<float>(9, "null"), "'null' is not a number");
+    EXPECT_EQ(read_as<float>(9, "+-5"), "'+-5' is not a number");
+    EXPECT_EQ(read_as<int8_t>(1, "+-5"), "'+-5' is not an integer (decimal or 0x)");
     EXPECT_EQ(read_as<uint16_t>(raw, "01ABCD"),
               "'01ABCD': the tag has 2 raw bytes, give 4 hexadecimal digits");
     EXPECT_EQ(read_as<uint16_t>(raw, "01AX"), "'01AX' is not hexadecimal text");
