@@ -107,6 +107,10 @@ std::string hexadecimal_text(const std::string &bytes) {
     return text;
 }
 
+std::string text_of(const ProtobufCBinaryData &bytes) {
+    return {reinterpret_cast<const char *>(bytes.data), bytes.len};
+}
+
 void take_value(const pb_metric &from, command_metric &to) {
     using holds = command_metric::holds;
     switch (from.value_case) {
@@ -132,11 +136,11 @@ void take_value(const pb_metric &from, command_metric &to) {
         break;
     case KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_STRING_VALUE:
         to.value_in = holds::text;
-        to.text = from.string_value;
+        to.text = text_of(from.string_value);
         break;
     case KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_BYTES_VALUE:
         to.value_in = holds::bytes;
-        to.text.assign(reinterpret_cast<const char *>(from.bytes_value.data), from.bytes_value.len);
+        to.text = text_of(from.bytes_value);
         break;
     default:
         break;
@@ -167,7 +171,10 @@ struct payload_writer::parts {
 
     one &add(const char *name, uint32_t type, uint64_t time_ms) {
         one &added = metrics.emplace_back();
-        added.metric.name = text_field(name);
+        if (name) {
+            added.metric.has_name = 1;
+            added.metric.name = {strlen(name), reinterpret_cast<uint8_t *>(text_field(name))};
+        }
         added.metric.has_datatype = type != 0;
         added.metric.datatype = type;
         added.metric.has_timestamp = 1;
@@ -250,7 +257,7 @@ bool read_command_payload(std::string_view bytes, std::vector<command_metric> &m
     for (size_t i = 0; i < payload->n_metrics; ++i) {
         const pb_metric &from = *payload->metrics[i];
         command_metric &to = metrics.emplace_back();
-        to.name = from.name ? from.name : "";
+        to.name = text_of(from.name);
         if (from.has_alias) {
             to.alias = from.alias;
         }
@@ -279,7 +286,7 @@ bool command_value(const command_metric &metric, int tag_type, std::string &text
         text = number_text(metric.real);
         return true;
     case holds::boolean:
-        text = metric.boolean ? "1" : "0";
+        text = number_text(metric.boolean ? 1 : 0);
         return true;
     case holds::text:
         text = metric.text;

@@ -24,7 +24,8 @@ bool eventually_true(const std::function<bool()> &condition) {
 std::string command(const char *name, bool is_boolean, uint32_t number) {
     Kt__SparkplugB__Payload__Metric metric = KT__SPARKPLUG_B__PAYLOAD__METRIC__INIT;
     std::string text = name;
-    metric.name = text.data();
+    metric.has_name = 1;
+    metric.name = {text.size(), reinterpret_cast<uint8_t *>(text.data())};
     metric.has_datatype = 1;
     metric.datatype = is_boolean ? 11 : 7; // Boolean, UInt32
     metric.value_case = is_boolean ? KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_BOOLEAN_VALUE

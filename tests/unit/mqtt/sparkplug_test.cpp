@@ -22,9 +22,18 @@ payload_ptr unpacked(const std::string &bytes) {
         nullptr, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
 }
 
+std::string text_of(const ProtobufCBinaryData &bytes) {
+    return {reinterpret_cast<const char *>(bytes.data), bytes.len};
+}
+
+void set_name(pb_metric &metric, std::string &name) {
+    metric.has_name = 1;
+    metric.name = {name.size(), reinterpret_cast<uint8_t *>(name.data())};
+}
+
 const pb_metric *metric_named(const payload_ptr &payload, const std::string &name) {
     for (size_t i = 0; i < payload->n_metrics; ++i) {
-        if (payload->metrics[i]->name && name == payload->metrics[i]->name) {
+        if (text_of(payload->metrics[i]->name) == name) {
             return payload->metrics[i];
         }
     }
@@ -197,7 +206,7 @@ TEST_F(sparkplug, data_names_its_metrics_by_alias) {
     EXPECT_EQ(topics(data), (names{"NDATA/gw", "DDATA/gw/drive"}));
     const payload_ptr payload = unpacked(data[1].payload);
     ASSERT_EQ(payload->n_metrics, 2U);
-    EXPECT_EQ(payload->metrics[0]->name, nullptr);
+    EXPECT_FALSE(payload->metrics[0]->has_name);
     EXPECT_EQ(payload->metrics[0]->alias, alias(speed));
     EXPECT_EQ(payload->metrics[0]->int_value, 1500U);
 }
@@ -330,9 +339,9 @@ TEST_F(sparkplug, commands_come_to_node_and_devices) {
 }
 
 TEST_F(sparkplug, a_host_may_ask_for_a_rebirth) {
-    char name[] = "Node Control/Rebirth";
+    std::string name = "Node Control/Rebirth";
     pb_metric metric = KT__SPARKPLUG_B__PAYLOAD__METRIC__INIT;
-    metric.name = name;
+    set_name(metric, name);
     metric.value_case = KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_BOOLEAN_VALUE;
     metric.boolean_value = 1;
     EXPECT_TRUE(command("NCMD/gw", metric).rebirth);
@@ -342,16 +351,16 @@ TEST_F(sparkplug, a_host_may_ask_for_a_rebirth) {
 
 TEST_F(sparkplug, a_command_writes_by_alias_or_by_name) {
     (void)update({target, other});
-    char name[] = "command_target";
+    std::string name = "command_target";
     pb_metric metric = KT__SPARKPLUG_B__PAYLOAD__METRIC__INIT;
-    metric.name = name;
+    set_name(metric, name);
     metric.value_case = KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_INT_VALUE;
     metric.int_value = 0xFFFFFFF6;
     sparkplug_command read = command("DCMD/gw/drive", metric);
     ASSERT_EQ(read.writes.size(), 1U);
     EXPECT_EQ(read.writes[0].tag, target.name);
     EXPECT_EQ(read.writes[0].value, "-10");
-    metric.name = nullptr;
+    metric.has_name = 0;
     metric.has_alias = 1;
     metric.alias = alias(target);
     metric.value_case = KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_DOUBLE_VALUE;
@@ -363,6 +372,24 @@ TEST_F(sparkplug, a_command_writes_by_alias_or_by_name) {
     read = command("NCMD/gw", metric);
     ASSERT_EQ(read.writes.size(), 1U);
     EXPECT_EQ(read.writes[0].tag, other.name);
+}
+
+TEST_F(sparkplug, a_text_does_not_end_at_a_zero_byte) {
+    (void)update({target});
+    std::string name = "command_target";
+    std::string value("12\0 or more", 11);
+    pb_metric metric = KT__SPARKPLUG_B__PAYLOAD__METRIC__INIT;
+    set_name(metric, name);
+    metric.value_case = KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_STRING_VALUE;
+    metric.string_value = {value.size(), reinterpret_cast<uint8_t *>(value.data())};
+    sparkplug_command read = command("DCMD/gw/drive", metric);
+    ASSERT_EQ(read.writes.size(), 1U);
+    EXPECT_EQ(read.writes[0].value, value); // and is refused as no number
+    name += std::string("\0 of another", 12);
+    set_name(metric, name);
+    read = command("DCMD/gw/drive", metric);
+    EXPECT_TRUE(read.writes.empty());
+    EXPECT_EQ(read.refused, names{"metric " + name + ": unknown"});
 }
 
 TEST_F(sparkplug, an_alias_of_another_device_is_unknown) {
@@ -378,9 +405,9 @@ TEST_F(sparkplug, an_alias_of_another_device_is_unknown) {
 
 TEST_F(sparkplug, a_command_without_a_value_is_refused) {
     (void)update({target});
-    char name[] = "command_target";
+    std::string name = "command_target";
     pb_metric metric = KT__SPARKPLUG_B__PAYLOAD__METRIC__INIT;
-    metric.name = name;
+    set_name(metric, name);
     EXPECT_EQ(command("DCMD/gw/drive", metric).refused,
               names{"metric command_target: holds no value"});
     metric.value_case = KT__SPARKPLUG_B__PAYLOAD__METRIC__VALUE_INT_VALUE;
