@@ -139,7 +139,7 @@ bridge::bridge(const bridge_settings &settings)
     if (settings.sparkplug) {
         sparkplug_.emplace(
             settings, statistics_, [this](const std::string &tag, const std::string &value) {
-                writes_.add(tag, value);
+                writes_.add_value(tag, value);
             });
     }
     rest_.emplace(settings, tables(), [this](const port_diagnostics &port) {

@@ -132,7 +132,24 @@ bool write_queue::is_possible(const pending &write, std::string &error) const {
 void write_queue::add(const std::string &tag, std::string_view payload) {
     pending write{tag, {}};
     std::string error;
-    if (!parse_set_request(payload, write.request, error) || !is_possible(write, error)) {
+    if (!parse_set_request(payload, write.request, error)) {
+        refuse(write, error);
+        return;
+    }
+    enqueue(write);
+}
+
+void write_queue::add_value(const std::string &tag, std::string_view value) {
+    if (value.size() > set_payload_max_bytes) {
+        refuse({tag, {}}, "the value has more than 1024 bytes");
+        return;
+    }
+    enqueue({tag, {std::string(value), {}}});
+}
+
+void write_queue::enqueue(const pending &write) {
+    std::string error;
+    if (!is_possible(write, error)) {
         refuse(write, error);
         return;
     }
@@ -140,9 +157,10 @@ void write_queue::add(const std::string &tag, std::string_view payload) {
     const char *problem = nullptr;
     {
         const std::lock_guard lock(mutex_);
-        const auto older = std::find_if(waiting_.begin(),
-                                        waiting_.end(),
-                                        [&](const pending &other) { return other.tag == tag; });
+        const auto older =
+            std::find_if(waiting_.begin(), waiting_.end(), [&](const pending &other) {
+                return other.tag == write.tag;
+            });
         if (older != waiting_.end()) {
             superseded.push_back(std::move(*older));
             waiting_.erase(older);

@@ -71,8 +71,11 @@ public:
     /** What waits is refused. */
     void stop();
 
-    /** Never blocks; a full queue refuses. Any thread. */
+    /** A set message. Never blocks; a full queue refuses. Any thread. */
     void add(const std::string &tag, std::string_view payload);
+
+    /** A value as it is, in no message's form; otherwise as add(). */
+    void add_value(const std::string &tag, std::string_view value);
 
     /** The message was not sent to us now but kept by the broker: nobody may want it any more. */
     void refuse_retained(const std::string &tag, std::string_view payload);
@@ -84,6 +87,7 @@ private:
         set_request request;
     };
     bool is_possible(const pending &write, std::string &error) const;
+    void enqueue(const pending &write);
     void run();
     void execute(const pending &write);
     bool open_store();

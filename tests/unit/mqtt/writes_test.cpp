@@ -105,6 +105,25 @@ TEST_F(writes_test, what_cannot_be_written_is_refused_with_the_reason) {
     EXPECT_EQ(value_of(target_), 0);
 }
 
+TEST_F(writes_test, a_value_of_its_own_is_taken_as_it_is) {
+    queue_->start();
+    queue_->add_value(target_name, "700");
+    EXPECT_THAT(results(1), ElementsAre("accepted"));
+    EXPECT_EQ(value_of(target_), 700);
+    size_t count = 1;
+    for (const std::string &text : {std::string(R"({"value":1})"),
+                                    std::string(R"("1")"),
+                                    std::string(" 1"),
+                                    std::string("1\0", 2)}) {
+        queue_->add_value(target_name, text);
+        const std::string told = results(++count).back();
+        EXPECT_EQ(told, "refused: '" + text + "' is not an integer (decimal or 0x)");
+    }
+    queue_->add_value(target_name, std::string(1025, '0'));
+    EXPECT_EQ(results(++count).back(), "refused: the value has more than 1024 bytes");
+    EXPECT_EQ(value_of(target_), 700);
+}
+
 TEST_F(writes_test, without_a_store_nothing_is_written) {
     provider_.reset();
     std::filesystem::remove(store_path());
