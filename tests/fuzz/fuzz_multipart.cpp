@@ -1,4 +1,4 @@
-#include "scratch_gateway.h"
+#include "always.h"
 
 #include <kt/rest.h>
 

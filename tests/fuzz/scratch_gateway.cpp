@@ -4,8 +4,6 @@
 #include "config/database_files.h"
 #include "core/state.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
@@ -35,27 +33,20 @@ constexpr const char *first_rows =
     "1,1,0,0,speed,6,2,wo,0,00FF,0,,,,,,,,,\n2,2,0,0,load,6,2,ro,0,,2,,,0,100,0,1,,,\n"
     "3,3,1,0,,,,,,,,,,,,,,code,2,40A0\n4,4,0,4,value,7,4,ro,1,,0,,,,,,,,,\n";
 
-void silence_the_log() {
-    FILE *nowhere = fopen("/dev/null", "we");
-    if (nowhere != nullptr) {
-        stderr = nowhere; // the fuzzer took its own before
-    }
+void read_all(int file, std::vector<char> &bytes) {
+    struct stat status {};
+    KT_ALWAYS(fstat(file, &status) == 0);
+    bytes.resize(static_cast<size_t>(status.st_size));
+    KT_ALWAYS(pread(file, bytes.data(), bytes.size(), 0) == status.st_size);
 }
 
 std::vector<char> bytes_of(int file) {
-    struct stat status {};
-    KT_ALWAYS(fstat(file, &status) == 0);
-    std::vector<char> bytes(static_cast<size_t>(status.st_size));
-    KT_ALWAYS(pread(file, bytes.data(), bytes.size(), 0) == status.st_size);
+    std::vector<char> bytes;
+    read_all(file, bytes);
     return bytes;
 }
 
 } // namespace
-
-void finding(const char *condition, const char *file, int line) {
-    (void)dprintf(STDERR_FILENO, "%s:%d: does not hold: %s\n", file, line, condition);
-    abort();
-}
 
 std::string content_of(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
@@ -69,9 +60,9 @@ scratch_gateway::scratch_gateway() : input_path_(path("input")) {
     const std::string_view rows(first_rows);
     const char *file = file_with(reinterpret_cast<const uint8_t *>(rows.data()), rows.size());
     KT_ALWAYS(can_proprietary_conf_import(file, &err) == 0);
-    working_copy_ = open(working_db_path().c_str(), O_RDWR | O_CLOEXEC);
-    KT_ALWAYS(working_copy_ >= 0);
+    open_working_copy();
     first_content_ = bytes_of(working_copy_);
+    first_saved_ = content_of(persistent_db_path());
     remember();
     silence_the_log();
 }
@@ -79,6 +70,26 @@ scratch_gateway::scratch_gateway() : input_path_(path("input")) {
 scratch_gateway::~scratch_gateway() {
     (void)close(input_);
     (void)close(working_copy_);
+}
+
+/** Again when another file has taken its place. */
+void scratch_gateway::open_working_copy() {
+    struct stat named {};
+    struct stat opened {};
+    const std::string name = working_db_path();
+    KT_ALWAYS(stat(name.c_str(), &named) == 0);
+    if (working_copy_ >= 0 && fstat(working_copy_, &opened) == 0 && opened.st_ino == named.st_ino) {
+        return;
+    }
+    (void)close(working_copy_); // none at first
+    working_copy_ = open(name.c_str(), O_RDWR | O_CLOEXEC);
+    KT_ALWAYS(working_copy_ >= 0);
+}
+
+const std::vector<char> &scratch_gateway::content() {
+    open_working_copy();
+    read_all(working_copy_, content_);
+    return content_;
 }
 
 void scratch_gateway::remember() {
@@ -103,6 +114,10 @@ bool scratch_gateway::is_untouched() const {
 }
 
 void scratch_gateway::restore() {
+    if (content_of(persistent_db_path()) != first_saved_) {
+        std::ofstream(persistent_db_path(), std::ios::binary) << first_saved_;
+    }
+    open_working_copy();
     const auto size = static_cast<ssize_t>(first_content_.size());
     KT_ALWAYS(pwrite(working_copy_, first_content_.data(), first_content_.size(), 0) == size);
     KT_ALWAYS(ftruncate(working_copy_, size) == 0);
@@ -125,12 +140,4 @@ std::string scratch_gateway::rows(const char *sql) const {
     };
     KT_ALWAYS(sqlite3_exec(opened, sql, collect, &found, nullptr) == SQLITE_OK);
     return found;
-}
-
-/*
- * SQLite allocates much and is not what is looked for, so freed memory is kept briefly; leaks and
- * bounds are watched as ever.
- */
-extern "C" const char *__asan_default_options() {
-    return "quarantine_size_mb=8:malloc_context_size=6:max_malloc_fill_size=0";
 }

@@ -1,6 +1,7 @@
 #ifndef KT_TESTS_SCRATCH_GATEWAY_H
 #define KT_TESTS_SCRATCH_GATEWAY_H
 
+#include "always.h"
 #include "gateway_folder.h"
 
 #include <cstddef>
@@ -9,16 +10,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-/** End the run with a finding when something that always holds does not. */
-#define KT_ALWAYS(condition)                                                                       \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            finding(#condition, __FILE__, __LINE__);                                               \
-        }                                                                                          \
-    } while (false)
-
-[[noreturn]] void finding(const char *condition, const char *file, int line);
 
 /**
  * A gateway with two ports and a device tree. Log lines are formatted and thrown away. One for each
@@ -40,20 +31,29 @@ public:
     /** The working copy is, byte by byte, what it was at first. */
     [[nodiscard]] bool is_untouched() const;
 
-    /** Bring the working copy back to what it was at first. */
+    /** Bring working copy and saved configuration back to what they were at first. */
     void restore();
+
+    /** The working copy as it is. */
+    [[nodiscard]] const std::vector<char> &content();
+
+    /** The working copy as it was at first. */
+    [[nodiscard]] const std::vector<char> &first_content() const { return first_content_; }
 
     /** Rows of a query as text, for what the configuration must never hold. */
     [[nodiscard]] std::string rows(const char *sql) const;
 
 private:
     void remember();
+    void open_working_copy();
 
     gateway_folder folder_{"kt-fuzz"};
     std::string input_path_;
     int input_ = -1;
     int working_copy_ = -1; /* stays open: closing it would drop a connection's locks */
+    std::vector<char> content_;
     std::vector<char> first_content_;
+    std::string first_saved_;
     timespec first_time_{};
 };
 
