@@ -1,6 +1,6 @@
 #!/bin/bash
-# Fuzz every target: first its stored corpus, then SECONDS seconds from there. One line a target;
-# the exit status is 0 only when nothing was found.
+# Fuzz every target, two at a time: first its stored corpus, then SECONDS seconds from there. One
+# line a target; the exit status is 0 only when nothing was found.
 #   run.sh BIN_DIR [SECONDS]
 # Beside BIN_DIR: corpus/<target> grows from run to run, findings/<target>-* are inputs to repeat
 # with "BIN_DIR/<target> FILE", log/<target>.log has the last run.
@@ -40,7 +40,7 @@ run_target() {
     local target=$1 stored=$here/corpus/$1 grown=$out/corpus/$1 found=none status=0
     mkdir -p "$grown"
     : >"$out/log/$target.log"
-    local before=$TMPDIR/before
+    local before=$TMPDIR/$target.before
     touch "$before"
     fuzz "$target" -runs=0 "$stored" || status=$?
     if [ $status = 0 ] && [ "$seconds" -gt 0 ]; then
@@ -58,7 +58,17 @@ run_target() {
 
 mkdir -p "$out/findings" "$out/log"
 failed=0
+running=0
 for folder in "$here"/corpus/*/; do
-    run_target "$(basename "$folder")" || failed=1
+    if [ $running = 2 ]; then
+        wait -n || failed=1
+        running=1
+    fi
+    run_target "$(basename "$folder")" &
+    running=$((running + 1))
+done
+while [ $running -gt 0 ]; do
+    wait -n || failed=1
+    running=$((running - 1))
 done
 exit $failed
