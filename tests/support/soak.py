@@ -7,9 +7,10 @@
 Frames on both ports, tag writers, REST readers and traffic recording go on all the time. Every few
 seconds a line goes into DIR/soak.csv; at the end DIR/soak.svg shows the samples, and each quantity
 is judged: flat when the line through the second half rises by no more than three standard
-deviations of the samples around it, or than the floor of its row in QUANTITIES. Only descriptors
-and threads are judged in runs below ten minutes. Two latencies are measured all along: a frame on
-the bus until the tag shows its value, and a tag write until its frame is on the bus.
+deviations of the samples around it, or than the floor of its row in QUANTITIES.
+Memory and files count by the lowest of ten samples each: what a request borrows is not theirs. Only
+descriptors and threads are judged in runs below ten minutes. Two latencies are measured all along:
+a frame on the bus until the tag shows its value, and a tag write until its frame is on the bus.
 
 Runs on can0 and can1 of the machine where they are up, else in a world of kt-softcan. Nothing but
 Python and this tree's programs (KT_BIN) is needed. Exit status: 0 all flat and nothing lost.
@@ -67,12 +68,13 @@ class Quantity(NamedTuple):
     title: str
     floor: float  # what it may rise within the second half, whatever the noise
     shortest: float = 0  # seconds of a run, below which it is shown and not judged
+    lowest: int = 1  # judged by the lowest of so many samples
 
 
 QUANTITIES = (
-    Quantity("anonymous_kib", "anonymous memory, KiB", 8, SETTLED),
-    Quantity("heap_kib", "heap segment, KiB", 8, SETTLED),
-    Quantity("resident_kib", "resident memory, KiB", 32, SETTLED),
+    Quantity("anonymous_kib", "anonymous memory, KiB", 8, SETTLED, 10),
+    Quantity("heap_kib", "heap segment, KiB", 8, SETTLED, 10),
+    Quantity("resident_kib", "resident memory, KiB", 32, SETTLED, 10),
     Quantity("descriptors", "open descriptors", 0.5),
     Quantity("threads", "threads", 0.5),
     Quantity("cpu_percent", "processor time, % of one core", 2, SETTLED),
@@ -81,7 +83,7 @@ QUANTITIES = (
     Quantity("out_p50_us", "tag write to frame, median, us", 100, SETTLED),
     Quantity("out_p99_us", "tag write to frame, 99th percentile, us", 1000, SETTLED),
     Quantity("rest_p50_us", "REST answer, median, us", 500, SETTLED),
-    Quantity("files_kib", "files below /run, KiB", 64, SETTLED),
+    Quantity("files_kib", "files below /run, KiB", 64, SETTLED, 10),
 )
 OTHERS = ("seconds", "in_max_us", "out_max_us", "in_lost", "out_lost", "received", "sent",
           "rest_answers", "frames_lost", "log_bytes", "machine_load")
@@ -287,7 +289,7 @@ def judge(rows: list[dict], out: pathlib.Path, title: str) -> list[str]:
     panels, findings = [], []
     for quantity in QUANTITIES:
         samples = series(rows, quantity.name)
-        found = trend.trend(samples, quantity.floor)
+        found = trend.trend(trend.lowest_of(samples, quantity.lowest), quantity.floor)
         length = samples[-1][0] if samples else 0
         panels.append((quantity.title, samples, found))
         if found is None or length < 0.95 * quantity.shortest:

@@ -5,7 +5,7 @@ import random
 import pytest
 
 from kt_system import chart
-from kt_system.trend import trend
+from kt_system.trend import lowest_of, trend
 
 HOUR = [5.0 * i for i in range(720)]
 
@@ -42,6 +42,12 @@ def test_wild_samples_do_not_hide_a_leak_and_make_none():
             (x, y + 5000 * (i in wild)) for i, (x, y) in enumerate(shaken(rise, 1))
         ]
         assert trend(samples, floor=8).flat is flat
+
+
+def test_what_is_borrowed_for_a_moment_hides_no_leak():
+    rng = random.Random(1)
+    samples = [(x, 1000 + x / 100 + 4000 * (rng.random() < 0.6)) for x in HOUR]
+    assert not trend(lowest_of(samples, 10), floor=8).flat
 
 
 def test_too_few_samples_say_nothing():

@@ -26,6 +26,12 @@ def second_half(samples: list[tuple[float, float]]) -> list[tuple[float, float]]
     return [sample for sample in samples if sample[0] >= middle]
 
 
+def lowest_of(samples: list[tuple[float, float]], count: int) -> list[tuple[float, float]]:
+    """The lowest of each so many samples: what is only borrowed for a moment does not count."""
+    groups = [samples[i : i + count] for i in range(0, len(samples) - count + 1, count)]
+    return [min(group, key=lambda sample: sample[1]) for group in groups]
+
+
 def slope_of(samples: list[tuple[float, float]]) -> float:
     """The median slope of all pairs: a few wild samples do not move it."""
     thin = samples[:: -(-len(samples) // MOST_PAIRS_OF)]
