@@ -96,7 +96,11 @@ def never_good_again(subscriber, name: str, since: str) -> None:
 
 def test_a_value_from_its_first_frame_to_the_silence_of_its_device(plant, bus):
     before = plant.wait_value(SPEED, lambda _: True)
-    assert (before["quality"], before["reason"]) == ("uncertain", "no_frame_yet")
+    # A device that has not said a word times out, too: on a slow machine before the bridge looks.
+    assert (before["quality"], before["reason"]) in (
+        ("uncertain", "no_frame_yet"),
+        ("bad", "device_timeout"),
+    )
     node = bus()
     node.send(0x181, "DC05")
     live = plant.wait_value(SPEED, {"value": 1500, "quality": "good"})
