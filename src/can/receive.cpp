@@ -20,6 +20,9 @@ namespace {
 
 constexpr int32_t longest_wait_ms = 1000;
 
+/** The shortest wait without a network interface: what is to be sent would keep the port busy. */
+constexpr int32_t lost_link_wait_ms = 20;
+
 /** Frames after which a busy port looks for losses; an idle one looks whenever its wait ends. */
 constexpr uint32_t frames_per_loss_check = 8192;
 
@@ -170,7 +173,8 @@ int can_rx_handler(can_module *module) {
         return -1;
     }
     const uint32_t now = sys_clock_ms();
-    const int32_t wait_ms = receive_wait_ms(module, now);
+    const int32_t wait_ms =
+        std::max(receive_wait_ms(module, now), module->link_lost ? lost_link_wait_ms : 0);
     can_proprietary_check_consume_timeout(module, now);
     can_link_recover(module, now);
     fd_set readable;

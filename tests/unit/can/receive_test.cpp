@@ -470,6 +470,18 @@ TEST_F(receive_pass, of_a_busy_port_looks_for_lost_frames_now_and_then) {
     EXPECT_EQ(module.frames_since_loss_check, 0U);
 }
 
+TEST_F(receive_pass, without_its_interface_does_not_keep_a_core_busy_with_what_cannot_be_sent) {
+    can_add_produce(device(), "p", TRIGGER_ON_CHANGE, 0x10);
+    build();
+    trans_list_node *node = head_of(&module, PRODUCE_ON_CHANGE);
+    ASSERT_EQ(can_proprietary_move_to_wait_send(&module, node), 0);
+    (void)rx();
+    module.link_lost = true;
+    module.link_retry = 5000;
+    (void)rx();
+    EXPECT_THAT(can_calls().waits_ms, ElementsAre(0, 20));
+}
+
 TEST_F(receive_pass, looks_for_a_lost_interface) {
     build();
     module.link_lost = true;
