@@ -110,17 +110,19 @@ void listen_to(int fd, std::optional<canid_t> id) {
     }
 }
 
-/** Send, waiting while the queue is full or the port is down. @return refusals */
-uint64_t send_patiently(int fd, const can_frame &frame) {
-    uint64_t refused = 0;
-    while (!stopped && write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
+/** Send, waiting while the queue is full or the port is down. @return false when stopped before */
+bool send_patiently(int fd, const can_frame &frame, uint64_t &refused) {
+    while (write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
         if (errno != ENOBUFS && errno != EAGAIN && errno != ENETDOWN && errno != EINTR) {
             give_up("send");
         }
         refused++;
         pause_ns(errno == ENETDOWN ? 10'000'000 : 1'000'000);
+        if (stopped) {
+            return false;
+        }
     }
-    return refused;
+    return true;
 }
 
 can_frame numbered_frame(canid_t id, uint32_t value) {
@@ -160,8 +162,7 @@ int send_frames(const arguments &given) {
     while (!stopped) {
         can_frame frame = given.size() > 3 ? fixed_frame(given[3]) : numbered_frame(0, sent);
         frame.can_id = ids[sent % ids.size()];
-        refused += send_patiently(fd, frame);
-        sent += stopped ? 0 : 1;
+        sent += send_patiently(fd, frame, refused) ? 1 : 0;
         rounds.wait();
     }
     (void)printf("sent %u refused %llu\n", sent, static_cast<unsigned long long>(refused));
@@ -282,7 +283,8 @@ int measure_in(const arguments &given) {
     store_tag tag(client, given[2]);
     return measure(number(given[3]), [&](uint32_t value) {
         const int64_t start = now_ns();
-        (void)send_patiently(fd, numbered_frame(id, value));
+        uint64_t refused = 0;
+        (void)send_patiently(fd, numbered_frame(id, value), refused);
         return time_until(start, [&] {
             if (tag.shows(value)) {
                 return true;
