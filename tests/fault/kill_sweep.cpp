@@ -29,6 +29,7 @@ constexpr std::array kinds = {
 
 constexpr unsigned all_shares = 100;
 constexpr unsigned findings_shown = 20;
+constexpr uint64_t whole_count = 18000;
 
 struct options {
     uint64_t seed = 1;
@@ -139,7 +140,9 @@ void run_cycle(const options &wanted, uint64_t cycle) {
                       static_cast<unsigned long long>(cycle),
                       wanted.scene.empty() ? "" : " --scene ",
                       wanted.scene.c_str());
-        sums.stage->reset();
+        if (sums.stage != nullptr) {
+            sums.stage->reset();
+        }
     }
 }
 
@@ -190,21 +193,23 @@ uint64_t print_table(const options &wanted) {
 }
 
 bool read_options(int argc, char **argv, options *wanted) {
-    for (int i = 1; i + 1 < argc; i += 2) {
+    for (int i = 1; i < argc; i++) {
         const std::string name = argv[i];
-        if (name == "--seed") {
-            wanted->seed = strtoull(argv[i + 1], nullptr, 10);
-        } else if (name == "--count") {
-            wanted->count = strtoull(argv[i + 1], nullptr, 10);
-        } else if (name == "--first") {
-            wanted->first = strtoull(argv[i + 1], nullptr, 10);
-        } else if (name == "--scene") {
-            wanted->scene = argv[i + 1];
+        uint64_t *number = name == "--seed"    ? &wanted->seed
+                           : name == "--count" ? &wanted->count
+                           : name == "--first" ? &wanted->first
+                                               : nullptr;
+        if (name == "--all") {
+            wanted->count = whole_count;
+        } else if (i + 1 < argc && number != nullptr) {
+            *number = strtoull(argv[++i], nullptr, 10);
+        } else if (i + 1 < argc && name == "--scene") {
+            wanted->scene = argv[++i];
         } else {
             return false;
         }
     }
-    return argc % 2 == 1;
+    return true;
 }
 
 } // namespace
@@ -212,8 +217,9 @@ bool read_options(int argc, char **argv, options *wanted) {
 int main(int argc, char **argv) {
     options wanted;
     if (!read_options(argc, argv, &wanted)) {
-        (void)fprintf(stderr,
-                      "usage: kill_sweep [--seed N] [--count N] [--first N] [--scene NAME]\n");
+        (void)fprintf(
+            stderr,
+            "usage: kill_sweep [--all] [--seed N] [--count N] [--first N] [--scene NAME]\n");
         return 2;
     }
     const gateway_folder gateway("kt-kill");

@@ -145,8 +145,8 @@ int wait_ready(pid_t service) {
     const step overview{"GET", "/overview", "", 200, {}};
     for (int port = 0;;) {
         int status = 0;
-        expect(waitpid(service, &status, WNOHANG) == 0,
-               "the service ends with status " + std::to_string(WEXITSTATUS(status)));
+        const bool lives = waitpid(service, &status, WNOHANG) == 0;
+        expect(lives, "the service ends with status " + std::to_string(WEXITSTATUS(status)));
         std::string address;
         std::getline(std::ifstream(address_file) >> std::ws, address);
         const size_t colon = address.rfind(':');
