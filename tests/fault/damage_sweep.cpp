@@ -283,7 +283,8 @@ bool read_options(int argc, char **argv, options *wanted) {
     for (int i = 1; i < argc; i++) {
         const std::string name = argv[i];
         if (name == "--all") {
-            continue; // the default is the whole count
+            wanted->count = 1000;
+            continue;
         }
         if (name == "--file" && i + 1 < argc) {
             wanted->file = argv[++i];
