@@ -309,14 +309,15 @@ def judge(rows: list[dict], out: pathlib.Path, title: str) -> list[str]:
     return findings
 
 
-def counts_match(gateway: Gateway, senders: list[LineReader], tries: int, lost: int) -> str:
-    """Every frame that went on the bus has been counted, or its loss logged."""
-    sent = tries
-    for sender in senders:
-        sent += int(sender.lines[-1].split()[1])
+def judge_counts(gateway: Gateway, running: dict[str, LineReader], lost: int) -> list[str]:
+    """Every frame that went on the bus has been counted, or its loss logged. The last try of a
+    latency may have been under way when its program was stopped."""
+    sent = len(running["in"].lines)
+    sent += sum(int(running[name].lines[-1].split()[1]) for name in ("send1", "send2"))
     received = sum(gateway.diagnose(port)["rxCount"] for port in (1, 2))
     print(f"  frames: {sent} sent, {received} received, {lost} logged as lost")
-    return "" if received + lost == sent else f"{sent - received - lost} frames are missing"
+    missing = sent - received - lost
+    return [] if missing in (0, -1) else [f"{missing} frames are missing"]
 
 
 def take_samples(options, sampler: Sampler, rows: list[dict]) -> None:
@@ -360,15 +361,10 @@ def run(options) -> int:
         ended.set()
         reader.join()
         settle(gateway)
-        # The last try may have been under way when its program was stopped.
-        tries = len(running["in"].lines)
-        senders = [running["send1"], running["send2"]]
         title = f"{options.seconds:g} s, {options.rate} frames/s a port, {options.writes} writes/s"
         print(f"soak: {title}, {len(rows)} samples")
         findings = judge(rows, options.out, title)
-        missing = counts_match(gateway, senders, tries, sampler.frames_lost())
-        if missing and missing != "1 frames are missing":
-            findings.append(missing)
+        findings += judge_counts(gateway, running, sampler.frames_lost())
         findings += reader.failures[:3]
         gateway.close()
     return conclude(findings)

@@ -9,7 +9,8 @@ import pytest
 from kt_system import lane
 
 SECONDS = float(os.environ.get("KT_SOAK_SECONDS", "20"))
-RATE = os.environ.get("KT_SOAK_RATE", "200" if lane.KERNEL else "2000")
+RATE = os.environ.get("KT_SOAK_RATE", "100" if lane.KERNEL else "2000")
+WRITES = "50" if lane.KERNEL else "500"
 
 
 @pytest.mark.slow
@@ -18,7 +19,8 @@ def test_nothing_grows_and_nothing_is_lost(capsys):
     samples = max(40.0, SECONDS / 20)
     result = subprocess.run(
         [sys.executable, lane.REPO / "tests/support/soak.py", "--seconds", str(SECONDS),
-         "--sample", str(SECONDS / min(samples, 720)), "--rate", RATE, "--out", out],
+         "--sample", str(SECONDS / min(samples, 720)), "--rate", RATE,
+         "--writes", WRITES, "--out", out],
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
     )
     with capsys.disabled():
