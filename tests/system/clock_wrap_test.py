@@ -3,6 +3,8 @@
 KT_CLOCK_WRAP=SECONDS makes any other system test run across the wrap, too.
 """
 
+import subprocess
+import sys
 import time
 
 import pytest
@@ -60,6 +62,14 @@ class Arrivals:
 
     def between(self, can_id: int, start: float, end: float) -> int:
         return sum(start <= moment < end for moment in self.times.get(can_id, []))
+
+
+def test_a_program_sees_the_clock_that_was_asked_for(gateway, turn):
+    wrap = gateway.wrap_clock_in(100, turn)
+    shown = subprocess.run([sys.executable, "-c", "import time; print(time.monotonic())"],
+                           env=gateway.environment, capture_output=True, text=True, check=True)
+    left = turn / 1000 - float(shown.stdout)
+    assert 0 <= left - (wrap - time.monotonic()) < scaled(20)
 
 
 def test_short_periods_go_on(gateway, bus, turn):
