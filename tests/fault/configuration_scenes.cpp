@@ -3,7 +3,7 @@
 #include "configuration.h"
 #include "core/state.h"
 #include "requests.h"
-#include "scene.h"
+#include "death_scene.h"
 
 #include <kt/protocol_common.h>
 

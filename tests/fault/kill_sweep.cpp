@@ -1,6 +1,6 @@
 #include "core/log.h"
 #include "gateway_folder.h"
-#include "scene.h"
+#include "death_scene.h"
 
 #include <algorithm>
 #include <array>

@@ -1,50 +1,40 @@
-#ifndef KT_TESTS_SCENE_H
-#define KT_TESTS_SCENE_H
+#ifndef KT_TESTS_FAULT_SCENE_H
+#define KT_TESTS_FAULT_SCENE_H
 
-#include "sudden_death.h"
-
-#include <cstdint>
-#include <memory>
 #include <string>
 
-/** What a child process does when it dies, and what must hold afterwards. */
-class scene {
-public:
-    scene() = default;
-    virtual ~scene() = default;
-    scene(const scene &) = delete;
-    scene &operator=(const scene &) = delete;
+/*
+ * Gateways as folders below KT_ROOT, made once and copied for each attempt. Conductor only.
+ */
 
-    /** Before the child is there. */
-    virtual void prepare(dice & /*random*/) {}
+namespace scene {
 
-    /** In the child; goes on until it is killed, or ends. @return 0, else it is a finding */
-    virtual int work(dice &random) = 0;
-
-    /** In this process meanwhile; does nothing unless watches(). */
-    virtual void beside() {}
-    [[nodiscard]] virtual bool watches() const { return false; }
-
-    /** After the death; throws found. The first step is a next start, which is timed. */
-    virtual void start_again(dice & /*random*/) {}
-    virtual void judge(dice &random) = 0;
-
-    /** After a finding: from the beginning. */
-    virtual void reset() = 0;
+enum class kind {
+    EMPTY,   /* only what is installed */
+    BOOTED,  /* applied configuration, nothing in /run */
+    EDITED,  /* and a working copy with edits that are not applied */
+    OUTDATED /* and another schema than the one installed, half a migration beside it */
 };
 
-struct scene_kind {
-    const char *name;
-    unsigned share;      /* of the deaths */
-    uint64_t longest_us; /* most of what is to be cut lies before */
-    uint64_t most_calls; /* the same, in beginnings and ends of system calls */
-    std::unique_ptr<scene> (*make)();
-};
+/** A folder in memory, where there is one, for everything; goes with clear(). */
+std::string make_folder();
+void clear(const std::string &folder);
 
-std::unique_ptr<scene> make_recorder_scene();
-std::unique_ptr<scene> make_provider_scene();
-std::unique_ptr<scene> make_writer_scene();
-std::unique_ptr<scene> make_requests_scene();
-std::unique_ptr<scene> make_start_scene();
+/** Make a gateway with one port in a process of its own, so that this one stays as it is. */
+void make(kind which, const std::string &root);
+
+/** Make the folder anew as a copy of another. */
+void copy(const std::string &from, const std::string &to);
+
+/** Let everything in this process see that gateway. */
+void enter(const std::string &root);
+
+/**
+ * The rows of the applied configuration and of the working copy; text that begins with "damaged"
+ * when one of them is not whole.
+ */
+std::string content(const std::string &root);
+
+} // namespace scene
 
 #endif

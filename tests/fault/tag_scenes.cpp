@@ -1,5 +1,5 @@
 #include "core/state.h"
-#include "scene.h"
+#include "death_scene.h"
 
 #include <kt/dx.h>
 #include <kt/dx_client.h>
