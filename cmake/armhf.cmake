@@ -5,6 +5,7 @@ set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi") # notes on GCC 7 would bury the warnings
 
 set(kt_sysroot "$ENV{KT_ARMHF_SYSROOT}")
 if(NOT kt_sysroot)
@@ -20,7 +21,7 @@ if(EXISTS ${kt_sysroot}/complete)
     set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
     set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
     # The C library's own files are the cross compiler's.
-    set(CMAKE_CXX_FLAGS_INIT "-idirafter ${kt_sysroot}/usr/include")
+    string(APPEND CMAKE_CXX_FLAGS_INIT " -idirafter ${kt_sysroot}/usr/include")
     set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${libraries}")
     set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${libraries}")
     # Tests are asked for their names when they are built.
