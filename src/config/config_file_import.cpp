@@ -5,6 +5,7 @@
 #include "config/sqlite_guards.h"
 #include "config/tables.h"
 #include "core/log.h"
+#include "core/no_memory.h"
 #include "core/runtime_file.h"
 
 #include <algorithm>
@@ -382,6 +383,8 @@ constexpr std::array<section_reader, TABLE_COUNT> sections = {{
      true},
 }};
 
+constexpr int no_memory = -7;
+
 constexpr const char *import_function = "can_proprietary_conf_import";
 
 void copy_table_name(conf_import_error *err, table_id id) {
@@ -485,8 +488,9 @@ int can_proprietary_conf_import(const char *path, conf_import_error *err) {
     if (sqlite3_get_autocommit(db.get()) != 0) {
         return fail(err, "internal-err"); // every row would count at once
     }
-    int result = read_sections(db.get(), file.get(), err);
-    if (result == 0 && ferror(file.get()) != 0) {
+    const auto read = [&] { return read_sections(db.get(), file.get(), err); };
+    int result = unless_no_memory(__func__, no_memory, read);
+    if (result == no_memory || (result == 0 && ferror(file.get()) != 0)) {
         result = fail(err, "internal-err"); // what was read is not the whole file
     }
     const int ended = can_proprietary_db_end_set_db(db.release(), result == 0 ? 1 : 0);

@@ -5,8 +5,10 @@
 #include "config/files.h"
 #include "config/sqlite_guards.h"
 #include "core/log.h"
+#include "core/no_memory.h"
 #include "core/state.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
@@ -140,7 +142,8 @@ int run_backup(sqlite3 *destination, sqlite3 *source) {
 } // namespace
 
 sqlite3 *can_proprietary_db_get() {
-    sqlite3 *db = open_db(working_db_path().c_str());
+    sqlite3 *db =
+        unless_no_memory<>(__func__, nullptr, [] { return open_db(working_db_path().c_str()); });
     if (db != nullptr) {
         // Names stand in statements as they came from outside.
         allow_configuration_rows_only(db);

@@ -4,6 +4,7 @@
 #include "config/files.h"
 #include "config/sqlite_guards.h"
 #include "core/log.h"
+#include "core/no_memory.h"
 #include "core/state.h"
 
 #include <kt/protocol_common.h>
@@ -220,7 +221,8 @@ int migrate_if_changed() {
 
 int get_ram_modified_time(int64_t *seconds) {
     struct stat status {};
-    if (stat(working_db_path().c_str(), &status) != 0) {
+    const auto read = [&status] { return stat(working_db_path().c_str(), &status); };
+    if (unless_no_memory(__func__, -1, read) != 0) {
         log_error("Fail to get time, Error : %s\n", strerror(errno));
         return -1;
     }
@@ -237,6 +239,22 @@ int drop_working_link() {
     }
     log_error("%s is a symbolic link, removed\n", path.c_str());
     return remove_if_present(path) ? 0 : -1;
+}
+
+int prepare_databases() {
+    const bool first_start = !file_exists(default_db_path());
+    if ((first_start ? start_from_schema() : migrate_if_changed()) != 0) {
+        return -1;
+    }
+    if (!file_exists(persistent_db_path()) && create_persistent_db() != 0) {
+        return -1;
+    }
+    if (drop_working_link() != 0 ||
+        (!file_exists(working_db_path()) && copy_persistent_db_to_ram() != 0)) {
+        log_error("Copy can_proprietary config DB fail!\n");
+        return -1;
+    }
+    return can_proprietary_db_update_ram_modified_time();
 }
 
 } // namespace
@@ -268,23 +286,14 @@ void remove_all_databases() {
 }
 
 int can_proprietary_db_init_user_config() {
-    const bool first_start = !file_exists(default_db_path());
-    if ((first_start ? start_from_schema() : migrate_if_changed()) != 0) {
-        return -1;
-    }
-    if (!file_exists(persistent_db_path()) && create_persistent_db() != 0) {
-        return -1;
-    }
-    if (drop_working_link() != 0 ||
-        (!file_exists(working_db_path()) && copy_persistent_db_to_ram() != 0)) {
-        log_error("Copy can_proprietary config DB fail!\n");
-        return -1;
-    }
-    return can_proprietary_db_update_ram_modified_time();
+    return unless_no_memory(__func__, -1, prepare_databases);
 }
 
 int can_proprietary_conf_apply() {
-    if (db_copy(persistent_db_path().c_str(), working_db_path().c_str()) != 0) {
+    const auto copy = [] {
+        return db_copy(persistent_db_path().c_str(), working_db_path().c_str());
+    };
+    if (unless_no_memory(__func__, -1, copy) != 0) {
         log_error("apply config fail\n");
         return -5;
     }
@@ -292,7 +301,7 @@ int can_proprietary_conf_apply() {
 }
 
 int can_proprietary_conf_discard() {
-    if (copy_persistent_db_to_ram() != 0) {
+    if (unless_no_memory(__func__, -1, copy_persistent_db_to_ram) != 0) {
         log_error("discard config fail\n");
         return -5;
     }

@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 #include "core/log.h"
+#include "core/no_memory.h"
 #include "core/runtime_file.h"
 #include "core/state.h"
 #include "device/local_time.h"
@@ -204,7 +205,8 @@ int export_configuration(const char *uri) {
 int can_proprietary_rest_post_config_file(const char *uri, const char *body, size_t length) {
     json_ptr output;
     conf_import_error err{};
-    const int result = import_upload(uri, body, length, &err, &output);
+    const auto import = [&] { return import_upload(uri, body, length, &err, &output); };
+    const int result = unless_no_memory(post_file, REST_RET_MALLOC_FAIL, import);
     return get_http_status(
         write_can_proprietary_rest_import_config_response(result, output.get(), err), REST_POST);
 }
@@ -213,5 +215,6 @@ int can_proprietary_rest_post_config_file(const char *uri, const char *body, siz
 int can_proprietary_rest_get_config_file(const char *uri,
                                          const char * /*body*/,
                                          size_t /*length*/) {
-    return get_http_status(export_configuration(uri), REST_GET);
+    const auto work = [uri] { return export_configuration(uri); };
+    return get_http_status(unless_no_memory(get_file, REST_RET_MALLOC_FAIL, work), REST_GET);
 }

@@ -2,6 +2,7 @@
 
 #include "core/guards.h"
 #include "core/log.h"
+#include "core/no_memory.h"
 #include "core/runtime_file.h"
 #include "core/state.h"
 #include "device/clock.h"
@@ -243,6 +244,42 @@ void cut_half_line(const std::string &path) {
     }
 }
 
+int read_log(JSON_Value **log, int port) {
+    json_ptr lines(json_value_init_array());
+    if (lines == nullptr) {
+        return -7;
+    }
+    const std::string path = json_path(port);
+    kt_semaphore *taken = nullptr;
+    if (semaphoreDown(path.c_str(), &taken) != 0) {
+        log_write_error("can_proprietary_traffic_get_log",
+                        __LINE__,
+                        "get traffic log semaphoreDown fail(%d)\n",
+                        -8);
+        return -8;
+    }
+    const file_lock_ptr lock(taken);
+    const file_ptr file = open_runtime_file(path.c_str(), "r");
+    if (file == nullptr) {
+        return -5;
+    }
+    if (const int result = read_lines(file.get(), json_value_get_array(lines.get())); result != 0) {
+        return result;
+    }
+    *log = lines.release();
+    return 0;
+}
+
+/** Nobody records yet, and readers wait. A missing folder is told by a start. */
+int prepare_files(int port_count) {
+    const int result = mkdir_p(rooted_path(traffic_folder).c_str());
+    for (int port = 0; port < port_count; port++) {
+        cut_half_line(json_path(port));
+        cut_half_line(csv_path(port));
+    }
+    return result;
+}
+
 int create_file(const std::string &path, const char *content) {
     const file_ptr file = open_runtime_file(path.c_str(), "w");
     if (file == nullptr) {
@@ -265,10 +302,8 @@ int can_proprietary_traffic_init(uint8_t port_count) {
     }
     for (uint8_t port = 0; port < port_count; port++) {
         (void)pthread_mutex_init(&records[port].mutex, nullptr); // cannot fail for a plain mutex
-        (void)mkdir_p(rooted_path(traffic_folder).c_str());      // a start reports a missing folder
-        cut_half_line(json_path(port)); // nobody records yet, and readers wait
-        cut_half_line(csv_path(port));
     }
+    (void)unless_no_memory(__func__, -1, [port_count] { return prepare_files(port_count); });
     record_count.store(port_count, std::memory_order_relaxed);
     return 0;
 }
@@ -288,10 +323,11 @@ int can_proprietary_traffic_start(int port) {
         return -1;
     }
     row_counter.store(1, std::memory_order_relaxed);
-    if (const int result = create_file(csv_path(port), csv_header); result != 0) {
-        return result;
-    }
-    if (const int result = create_file(json_path(port), ""); result != 0) {
+    const auto create = [port] {
+        const int result = create_file(csv_path(port), csv_header);
+        return result != 0 ? result : create_file(json_path(port), "");
+    };
+    if (const int result = unless_no_memory(__func__, -2, create); result != 0) {
         return result;
     }
     set_control_state(port, 1);
@@ -363,7 +399,7 @@ int can_proprietary_traffic_record_log(const uint8_t *data,
         log_error("json_serialize_to_string fail\n");
         return -6;
     }
-    return append_both(port, row, text.get());
+    return unless_no_memory(__func__, -2, [&] { return append_both(port, row, text.get()); });
 }
 
 int can_proprietary_traffic_get_log(JSON_Value **log, int port) {
@@ -374,24 +410,5 @@ int can_proprietary_traffic_get_log(JSON_Value **log, int port) {
     if (!is_valid(__func__, port) || log == nullptr) {
         return -1;
     }
-    json_ptr lines(json_value_init_array());
-    if (lines == nullptr) {
-        return -7;
-    }
-    const std::string path = json_path(port);
-    kt_semaphore *taken = nullptr;
-    if (semaphoreDown(path.c_str(), &taken) != 0) {
-        log_error("get traffic log semaphoreDown fail(%d)\n", -8);
-        return -8;
-    }
-    const file_lock_ptr lock(taken);
-    const file_ptr file = open_runtime_file(path.c_str(), "r");
-    if (file == nullptr) {
-        return -5;
-    }
-    if (const int result = read_lines(file.get(), json_value_get_array(lines.get())); result != 0) {
-        return result;
-    }
-    *log = lines.release();
-    return 0;
+    return unless_no_memory(__func__, -2, [&] { return read_log(log, port); });
 }

@@ -19,7 +19,7 @@ class Rule:
     libraries: tuple[str, ...]
 
 
-CORE = ("core/log.h", "core/state.h", "core/guards.h", "core/runtime_file.h")
+CORE = ("core/log.h", "core/state.h", "core/guards.h", "core/no_memory.h", "core/runtime_file.h")
 
 RULES = {
     "core": Rule((), ()),

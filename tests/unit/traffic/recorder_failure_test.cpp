@@ -1,5 +1,6 @@
 #include "allocation_fault.h"
 #include "full_disk.h"
+#include "new_fault.h"
 #include "recorder_fixture.h"
 
 namespace {
@@ -29,6 +30,25 @@ protected:
         std::filesystem::create_directory(file);
     }
 };
+
+TEST_F(recorder_failure, operations_without_memory_for_a_text_fail_with_their_codes) {
+    const auto expect = [](int result, int nth) { EXPECT_EQ(result, -2) << nth; };
+    const auto expect_or_json = [](int result, int nth) {
+        EXPECT_TRUE(result == -2 || result == -6) << result << " at allocation " << nth;
+    };
+    (void)messages_of([&] {
+        EXPECT_GT(new_fault::sweep([] { return can_proprietary_traffic_start(0); }, expect), 0);
+        EXPECT_GT(new_fault::sweep([] { return record(); }, expect_or_json), 0);
+        const auto read_log = [] {
+            JSON_Value *log = nullptr;
+            const int result = can_proprietary_traffic_get_log(&log, 0);
+            json_value_free(log);
+            return result;
+        };
+        EXPECT_GT(new_fault::sweep(read_log, expect), 0);
+    });
+    EXPECT_EQ(record(), 0);
+}
 
 TEST_F(recorder_failure, port_at_or_above_the_count_is_refused_by_every_operation) {
     const uint8_t none = 0;
