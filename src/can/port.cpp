@@ -131,7 +131,7 @@ void *can_port_handler(void *port_index) {
     can_module *module = can_module_get(index);
     if (module == nullptr) {
         log_error("can_module_get fail\n");
-        pthread_exit(nullptr);
+        return nullptr;
     }
     clear_module(module, static_cast<uint8_t>(index));
     (void)pthread_mutex_init(&module->mutex, nullptr); // cannot fail for a plain mutex
@@ -139,5 +139,5 @@ void *can_port_handler(void *port_index) {
         run_port(module);
     }
     tear_down(module);
-    pthread_exit(nullptr);
+    return nullptr; // pthread_exit() loads what unwinds, and aborts without memory for that
 }

@@ -8,7 +8,7 @@
  * A port that cannot start ends alone; the others go on.
  *
  * @param port_index  pointer to the 0-based index (uint32_t), valid for the life of the thread
- * @return never; ends with pthread_exit(NULL)
+ * @return NULL, at the end of the thread
  */
 void *can_port_handler(void *port_index);
 

@@ -19,6 +19,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -252,6 +253,24 @@ TEST_F(can_port_thread, bears_the_name_of_its_port) {
     };
     (void)run();
     EXPECT_STREQ(name.data(), "can1-port");
+}
+
+// pthread_exit() aborts where memory for unwinding is short.
+TEST_F(can_port_thread, returns_from_its_function_at_the_end) {
+    bool returned = false;
+    for (const uint32_t port : {1U, 2U}) {
+        index = port;
+        run_for(1);
+        (void)can_errors_of([&] {
+            std::thread([&] {
+                returned = false;
+                (void)can_port_handler(&index);
+                returned = true;
+            }).join();
+        });
+        EXPECT_TRUE(returned) << port;
+        g_stop_requested = 0;
+    }
 }
 
 TEST_F(can_port_thread, ends_without_module) {
