@@ -37,7 +37,7 @@ bool install_file(const std::string &from, const std::string &to) {
 }
 
 bool file_exists(const std::string &path) {
-    return access(path.c_str(), F_OK) == 0;
+    return access(path.c_str(), F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 char *get_file_contents(const char *path, size_t *length) {

@@ -19,6 +19,7 @@ bool remove_if_present(const std::string &path);
  */
 bool install_file(const std::string &from, const std::string &to);
 
+/** @return false only for a file that is certainly not there: others may be made in its place */
 bool file_exists(const std::string &path);
 
 /**

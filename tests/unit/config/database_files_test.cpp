@@ -408,4 +408,18 @@ TEST_F(edited_gateway, paths_stand_below_the_root_and_without_one_they_are_the_g
     (void)setenv("KT_ROOT", path_.c_str(), 1);
 }
 
+TEST_F(next_start, default_database_that_cannot_be_looked_for_costs_no_rows) {
+    start();
+    execute(persistent_db_path(), "INSERT INTO device VALUES (1, 1, 'kept')");
+    const std::filesystem::path folder = std::filesystem::path(default_db_path()).parent_path();
+    std::filesystem::rename(folder, path("aside"));
+    std::filesystem::create_symlink("default", folder);
+    (void)messages_of([] { EXPECT_EQ(can_proprietary_db_init_user_config(), -1); });
+    EXPECT_EQ(rows_of(persistent_db_path(), "SELECT deviceName FROM device"), "kept");
+    std::filesystem::remove(folder);
+    std::filesystem::rename(path("aside"), folder);
+    start();
+    EXPECT_EQ(rows_of(persistent_db_path(), "SELECT deviceName FROM device"), "kept");
+}
+
 } // namespace

@@ -172,4 +172,12 @@ TEST_F(files, existence_is_that_of_files_and_folders) {
     EXPECT_TRUE(file_exists(path_));
 }
 
+TEST_F(files, file_that_cannot_be_looked_for_counts_as_there) {
+    std::filesystem::create_symlink("loop", path("loop"));
+    EXPECT_TRUE(file_exists(path("loop")));
+    EXPECT_TRUE(file_exists(path("loop/file")));
+    write(path("file"), "");
+    EXPECT_FALSE(file_exists(path("file/file")));
+}
+
 } // namespace
