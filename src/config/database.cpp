@@ -39,18 +39,46 @@ bool is_environment_failure(int result) {
 
 /** Rows other than "ok" are not looked at: only a check that cannot run says corrupt. On purpose.
  */
-integrity is_db_integrity_corrupt(sqlite3 *db) {
+integrity run_integrity_check(sqlite3 *db, sqlite_text_ptr *text) {
     char *message = nullptr;
     const int result = sqlite3_exec(db, "PRAGMA integrity_check", nullptr, nullptr, &message);
-    const sqlite_text_ptr text(message);
+    text->reset(message);
     if (result == SQLITE_OK) {
         return integrity::sound;
     }
-    if (is_environment_failure(result) || text == nullptr) {
-        return integrity::unknown;
+    return is_environment_failure(result) || message == nullptr ? integrity::unknown
+                                                                : integrity::corrupt;
+}
+
+/** Through the connection's own descriptor: closing another one would drop the locks of all. */
+bool is_readable(sqlite3 *db) {
+    sqlite3_file *file = nullptr;
+    sqlite3_int64 size = 0;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+        file->pMethods == nullptr || file->pMethods->xFileSize(file, &size) != SQLITE_OK) {
+        return false;
     }
-    log_error("db is corrupt by integrity check, %s\n", text.get());
-    return integrity::corrupt;
+    std::array<char, 4096> bytes{};
+    for (sqlite3_int64 at = 0; at < size; at += static_cast<sqlite3_int64>(bytes.size())) {
+        const auto wanted = std::min(size - at, static_cast<sqlite3_int64>(bytes.size()));
+        if (file->pMethods->xRead(file, bytes.data(), static_cast<int>(wanted), at) != SQLITE_OK) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/** SQLite takes a read that the system fails (EIO) for corruption, and that may pass. */
+integrity is_db_integrity_corrupt(sqlite3 *db) {
+    sqlite_text_ptr text;
+    integrity found = run_integrity_check(db, &text);
+    if (found == integrity::corrupt) {
+        found = is_readable(db) ? run_integrity_check(db, &text) : integrity::unknown;
+    }
+    if (found == integrity::corrupt) {
+        log_error("db is corrupt by integrity check, %s\n", text.get());
+    }
+    return found;
 }
 
 void set_pragmas(sqlite3 *db, const char *path, bool foreign_keys) {

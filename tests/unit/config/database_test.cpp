@@ -1,10 +1,52 @@
 #include "config_fixture.h"
+#include "fault_countdown.h"
 #include "small_disk.h"
 #include "sqlite_memory_fault.h"
 
+#include <cerrno>
 #include <unistd.h>
 
 namespace {
+
+/** Reads of SQLite that end with EIO. One at a time. */
+class failing_reads {
+public:
+    failing_reads() {
+        replace("read", reinterpret_cast<sqlite3_syscall_ptr>(failing_read));
+        replace("pread", reinterpret_cast<sqlite3_syscall_ptr>(failing_pread));
+        replace("pread64", reinterpret_cast<sqlite3_syscall_ptr>(failing_pread));
+    }
+    failing_reads(const failing_reads &) = delete;
+    failing_reads &operator=(const failing_reads &) = delete;
+    ~failing_reads() {
+        for (const char *name : {"read", "pread", "pread64"}) {
+            replace(name, nullptr); // the system's again
+        }
+    }
+
+    static fault_countdown countdown;
+
+private:
+    static void replace(const char *name, sqlite3_syscall_ptr call) {
+        sqlite3_vfs *vfs = sqlite3_vfs_find(nullptr);
+        (void)vfs->xSetSystemCall(vfs, name, call);
+    }
+
+    static bool fails() {
+        errno = EIO;
+        return countdown.fails_now();
+    }
+
+    static ssize_t failing_read(int fd, void *data, size_t size) {
+        return fails() ? -1 : ::read(fd, data, size);
+    }
+
+    static ssize_t failing_pread(int fd, void *data, size_t size, off_t at) {
+        return fails() ? -1 : ::pread(fd, data, size, at);
+    }
+};
+
+fault_countdown failing_reads::countdown;
 
 /** Opening, closing and transactions. */
 class database : public started_gateway {
@@ -126,6 +168,24 @@ TEST_F(database, damaged_schema_page_removes_all_three) {
     bytes.replace(100, 8, 8, 'z');
     write(working_db_path(), bytes);
     expect_corrupt("database disk image is malformed");
+}
+
+TEST_F(database, read_that_fails_is_not_corruption) {
+    for (const bool lasting : {false, true}) {
+        int failed = 0;
+        do {
+            failing_reads::countdown.arm(++failed, lasting);
+            sqlite3 *db = nullptr;
+            {
+                const failing_reads reads;
+                (void)messages_of([&db] { db = can_proprietary_db_get(); });
+            }
+            EXPECT_EQ(sqlite3_close(db), SQLITE_OK);
+            EXPECT_EQ(can_proprietary_restart, 0) << failed;
+            expect_all_databases();
+        } while (failing_reads::countdown.disarm());
+        EXPECT_GT(failed, 2);
+    }
 }
 
 TEST_F(database, one_database_that_cannot_be_removed_does_not_spare_the_others) {
