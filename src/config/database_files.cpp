@@ -251,7 +251,9 @@ int prepare_databases() {
     }
     if (drop_working_link() != 0 ||
         (!file_exists(working_db_path()) && copy_persistent_db_to_ram() != 0)) {
-        log_error("Copy can_proprietary config DB fail!\n");
+        log_write_error("can_proprietary_db_init_user_config",
+                        __LINE__,
+                        "Copy can_proprietary config DB fail!\n");
         return -1;
     }
     return can_proprietary_db_update_ram_modified_time();

@@ -2,8 +2,8 @@
 #include "config/database_files.h"
 #include "configuration.h"
 #include "core/state.h"
-#include "requests.h"
 #include "death_scene.h"
+#include "requests.h"
 
 #include <kt/protocol_common.h>
 

@@ -1,6 +1,6 @@
 #include "core/log.h"
-#include "gateway_folder.h"
 #include "death_scene.h"
+#include "gateway_folder.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "core/state.h"
-#include "rest/handlers.h"
 #include "death_scene.h"
+#include "rest/handlers.h"
 #include "traffic/recorder.h"
 
 #include <parson.h>

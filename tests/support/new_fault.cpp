@@ -1,5 +1,6 @@
 #include "new_fault.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -18,9 +19,10 @@ bool new_fault::disarm() {
 }
 
 void *operator new(size_t size) {
-    // malloc() may count for somebody else.
-    void *memory = countdown.fails_now() ? nullptr : realloc(nullptr, size > 0 ? size : 1);
-    if (memory == nullptr) {
+    void *memory = nullptr;
+    // malloc() may count for somebody else, and the compiler takes realloc() without a block for it.
+    if (countdown.fails_now() ||
+        posix_memalign(&memory, alignof(std::max_align_t), size > 0 ? size : 1) != 0) {
         throw std::bad_alloc();
     }
     return memory;
