@@ -33,7 +33,7 @@ from kt_system.rows import consume, device, frame, tag  # noqa: E402
 WHOLE_COUNT = 200
 REFUSED = 255
 REQUESTS = (("GET", "/overview"), ("GET", "/device?deviceId=1"), ("GET", "/usedCANIds?portId=1"),
-            ("GET", "/config-change"), ("GET", "/config-file"), ("GET", "/interface/1"))
+            ("GET", "/config-change"), ("GET", "/config-file"), ("GET", "/interface?portId=1"))
 
 
 class Trial:
@@ -94,11 +94,12 @@ class Trial:
         return good
 
     def wait_pass(self) -> None:
-        """A removal or an apply makes the ports begin anew: until the databases stand, or the end."""
+        """A removal or an apply makes the ports begin anew: until the databases stand, or the end.
+        Ports whose rows cannot be read are tried again and again."""
         gateway = self.gateway
         wait_until(lambda: not gateway.running()
-                   or (gateway.path(WORKING_DB).exists() and self.rest.port_threads()),
-                   60.0, "the next pass")
+                   or (gateway.path(WORKING_DB).exists() and self.listens()),
+                   60.0, lambda: "the next pass, " + gateway.stderr[gateway._log_start :][-3000:])
         deadline = time.monotonic() + 0.3  # a pass that fails ends the service
         while gateway.running() and time.monotonic() < deadline:
             time.sleep(0.02)
