@@ -87,6 +87,7 @@ void lose_memory() {
 class requests_scene : public scene {
 public:
     requests_scene() {
+        (void)books(); // shared with the children only when it is there before them
         std::filesystem::create_directories(rooted_path("/run/tmp/kt-can-proprietary"));
     }
 
