@@ -30,6 +30,11 @@ def lines(gateway, port=0):
     ]
 
 
+def rows(gateway, port=0):
+    """Rows of the CSV file, which is written after the line of the other file."""
+    return csv(gateway, port).read_text().splitlines()[1:]
+
+
 def test_frames_are_recorded_between_start_and_stop(gateway, bus):
     gateway.configure(
         device(
@@ -46,11 +51,10 @@ def test_frames_are_recorded_between_start_and_stop(gateway, bus):
     node.send(0x123, "01A0")
     node.send_remote(0x201, 0)
     node.expect(0x201, "0000")
-    wait_until(lambda: len(lines(gateway)) == 3)
+    wait_until(lambda: len(rows(gateway)) == 3)
     gateway.record(1, False)
     node.send(0x7F0, "FF")
-    rows = csv(gateway).read_text().splitlines()[1:]
-    shapes = [re.sub(r",\d+\.\d{3},", ",T,", row) for row in rows]
+    shapes = [re.sub(r",\d+\.\d{3},", ",T,", row) for row in rows(gateway)]
     assert shapes == [
         '1,T,Receive,"0x"123,Data frame,2,"01 A0"',
         '2,T,Receive,"0x"201,Remote Frame,0,""',
@@ -67,7 +71,7 @@ def test_extended_identifiers_have_eight_digits(gateway, bus):
     gateway.start()
     gateway.record(1, True)
     bus().send_remote(0x1ABCDEF0, 0, extended=True)
-    wait_until(lambda: len(lines(gateway)) == 1)
+    wait_until(lambda: len(rows(gateway)) == 1)
     assert '"0x"1ABCDEF0,Remote Frame,0,""' in csv(gateway).read_text()
 
 
@@ -101,11 +105,8 @@ def test_two_ports_share_the_row_numbers(gateway, bus):
     nodes = bus("can0"), bus("can1")
     for turn in range(6):
         nodes[turn % 2].send(0x100 + turn)
-        wait_until(lambda: len(lines(gateway, turn % 2)) == turn // 2 + 1)
-    numbers = [
-        [int(row.split(",")[0]) for row in csv(gateway, port).read_text().splitlines()[1:]]
-        for port in (0, 1)
-    ]
+        wait_until(lambda: len(rows(gateway, turn % 2)) == turn // 2 + 1)
+    numbers = [[int(row.split(",")[0]) for row in rows(gateway, port)] for port in (0, 1)]
     assert numbers == [[1, 3, 5], [2, 4, 6]]
 
 
@@ -115,7 +116,7 @@ def test_an_apply_ends_a_recording_and_keeps_its_files(gateway, bus):
     gateway.record(1, True)
     node = bus()
     node.send(0x123, "01")
-    wait_until(lambda: len(lines(gateway)) == 1)
+    wait_until(lambda: len(rows(gateway)) == 1)
     recorded = csv(gateway).read_text(), lines(gateway)
     gateway.apply()
 
