@@ -1,3 +1,5 @@
+#include "parse_memory.h"
+
 #include <parson.h>
 
 #include <charconv>
@@ -267,7 +269,7 @@ JSON_Value *json_parse_string(const char *string) {
     if (!string || !nesting_acceptable(string)) {
         return nullptr;
     }
-    return as_value(json_loads(string, flags, nullptr));
+    return as_value(load_or_leave(string, flags));
 }
 
 char *json_serialize_to_string(const JSON_Value *value) {

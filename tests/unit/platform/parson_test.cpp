@@ -1,3 +1,5 @@
+#include "allocation_fault.h"
+
 #include <parson.h>
 
 #include <cmath>
@@ -470,31 +472,40 @@ TEST(parson_array, unusable_elements_are_refused) {
     EXPECT_EQ(text_of(root), "[]");
 }
 
-// Fails the n-th allocation of the library underneath for every n until the work succeeds.
-size_t allocations_left;
-
-void *failing_malloc(size_t size) {
-    return allocations_left == 0 ? nullptr : (--allocations_left, malloc(size));
-}
-
+// Fails the n-th allocation, the library's underneath among them, for every n until the work
+// succeeds.
 template <typename Work>
-void sweep(Work work) {
-    bool succeeded = false;
-    for (size_t allowed = 0; !succeeded; ++allowed) {
-        ASSERT_LT(allowed, 1000u);
-        json_set_alloc_funcs(failing_malloc, free);
-        allocations_left = allowed;
-        succeeded = work();
-        json_set_alloc_funcs(malloc, free);
-    }
+int sweep(Work work) {
+    return allocation_fault::sweep(work, [](bool succeeded, int nth) {
+        EXPECT_FALSE(succeeded) << "without allocation " << nth;
+    });
 }
 
 TEST(parson_memory, parsing_fails_cleanly) {
-    sweep([] { return parse(R"({"a":[1,"text",{"b":null}],"c":true})") != nullptr; });
+    const std::string longer(1000, 'x');
+    for (const std::string &text : {std::string(R"({"a":[1,"text",{"b":null}],"c":true})"),
+                                    std::string(R"(["more than sixteen characters"])"),
+                                    std::string(R"(["0123456789abcde\u00e9\ud83d\ude00"])"),
+                                    std::string("[123456789012345678901234567890.5e-10]"),
+                                    "{\"" + longer + "\":\"" + longer + "\"}",
+                                    "[\"" + longer + "\",truenotquite]"}) {
+        const bool good = parse(text) != nullptr;
+        const int failed = sweep([&] { return parse(text) != nullptr; });
+        EXPECT_GT(failed, 3) << text;
+        EXPECT_EQ(parse(text) != nullptr, good);
+    }
+}
+
+TEST(parson_memory, values_of_one_parse_outlive_the_next_that_fails) {
+    const json_ptr kept = parse(R"({"a":["kept"]})");
+    allocation_fault::arm(5);
+    EXPECT_EQ(parse(R"({"b":["more than sixteen characters"]})"), nullptr);
+    EXPECT_TRUE(allocation_fault::disarm());
+    EXPECT_EQ(text_of(kept), R"({"a":["kept"]})");
 }
 
 TEST(parson_memory, building_fails_cleanly_and_says_so) {
-    sweep([] {
+    (void)sweep([] {
         const json_ptr root = own(json_value_init_object());
         JSON_Object *object = object_of(root);
         JSON_Value *list = json_value_init_array();
@@ -508,10 +519,10 @@ TEST(parson_memory, building_fails_cleanly_and_says_so) {
         good = json_object_dotset_number(object, "x.y", 1) == JSONSuccess && good;
         const json_ptr copy = own(json_value_deep_copy(root.get()));
         const std::string text = text_of(root);
-        if (good) {
+        if (good && text != "(failed)") {
             EXPECT_EQ(text, R"({"a":{"b":{"c":["s"]}},"x":{"y":1}})");
         }
-        return good && copy;
+        return good && copy && text != "(failed)";
     });
 }
 
