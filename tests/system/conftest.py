@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 
@@ -21,6 +22,8 @@ from kt_system.rest import Rest  # noqa: E402
 def pytest_configure(config):
     if not lane.LANE:
         pytest.exit("run these through the lane scripts in tests/support", 2)
+    # A shell that runs a lane in the background lets it ignore Ctrl-C, and so would each program.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 # Hundreds of requests each, none of which a kernel or a second thread has a part in. Lane K and
