@@ -12,6 +12,13 @@
 
 namespace new_fault {
 
+/** The thread sanitizer has an operator new of its own, which cannot be replaced. */
+#ifdef __SANITIZE_THREAD__
+constexpr bool available = false;
+#else
+constexpr bool available = true;
+#endif
+
 /** Let the nth allocation of this thread from now on fail, and no other; 1 is the next one. */
 void arm(int nth);
 
