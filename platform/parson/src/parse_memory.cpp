@@ -63,8 +63,10 @@ void keep_all(parse_run &run) {
 }
 
 void release_all(parse_run &run) {
-    while (run.blocks.next != &run.blocks) {
-        give(run.blocks.next + 1);
+    for (block *left = run.blocks.next; left != &run.blocks;) {
+        block *following = left->next;
+        free(left);
+        left = following;
     }
 }
 
