@@ -67,6 +67,10 @@ WITH_THREADS = {
     "mqtt_write_test",
 }
 
+# The demonstration and the examples: what they make the service do, other tests do as well, so the
+# sanitizers leave them out.
+OF_DOCUMENTS = {"examples_test", "live_run_test"}
+
 # What runs in lane C, where a frame crosses a wire between two interfaces.
 ON_CONTROLLERS = {
     "controller_test",
@@ -143,7 +147,8 @@ def runs_here(file: str, test: str = "") -> bool:
         return f"{file}::{test}".startswith(ON_ARM)
     if lane.KERNEL:
         return file not in WITHOUT_KERNEL
-    return not asked_for("KT_BUS_TESTS") or file not in WITHOUT_KERNEL - WITH_THREADS
+    left_out = (WITHOUT_KERNEL - WITH_THREADS) | OF_DOCUMENTS
+    return not asked_for("KT_BUS_TESTS") or file not in left_out
 
 
 def pytest_ignore_collect(collection_path):
