@@ -31,6 +31,7 @@ def pytest_configure(config):
 # the sanitizers (KT_BUS_TESTS=1) leave them to the host lane, unless KT_ALL_TESTS=1 takes
 # them along; the REST tests left are those where the bus answers too.
 WITHOUT_KERNEL = {
+    "bench_results_test",
     "config_file_durability_test",
     "config_file_export_test",
     "config_file_import_test",
