@@ -76,10 +76,9 @@ end_run() {
     rm -rf "$run"
 }
 
-# write_tests KT_LANE FACTOR <<<"commands that bring the ports up"
-write_tests() {
-    local color=no name
-    [ ! -t 1 ] || color=yes
+# write_script KT_LANE FACTOR <<<"commands": what the machine runs, after its environment
+write_script() {
+    local name
     {
         echo "export PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 HOME=/root"
         echo "export PYTHONDONTWRITEBYTECODE=1"
@@ -91,11 +90,25 @@ write_tests() {
         printf 'give_up() { echo "$*" >%q; exit 1; }\n' "$run/unable"
         echo "ip link set lo up"
         cat
+    } >"$run/tests"
+}
+
+# write_tests KT_LANE FACTOR <<<"commands that bring the ports up"
+write_tests() {
+    local color=no
+    [ ! -t 1 ] || color=yes
+    write_script "$@"
+    {
         printf 'cd %q && exec /usr/bin/python3 -m pytest ' "$repo"
         printf '%q ' --color=$color -c tests/system/pytest.ini $tests \
             ${junit:+--junitxml="$run/junit.xml"} "${pytest[@]}"
         echo
-    } >"$run/tests"
+    } >>"$run/tests"
+}
+
+# What is to stay of a run before its folder goes
+keep_results() {
+    [ -z "$junit" ] || [ ! -e "$run/junit.xml" ] || cp "$run/junit.xml" "$junit"
 }
 
 # write_initramfs ROOT BUSYBOX FOLDER MODULES...: a root by which emulated_init.sh mounts it
@@ -142,7 +155,7 @@ run_machine() {
     machine=
     wait "$console" || true
     console=
-    [ -z "$junit" ] || [ ! -e "$run/junit.xml" ] || cp "$run/junit.xml" "$junit"
+    keep_results
     [ ! -e "$run/unable" ] || unable "$(cat "$run/unable")"
     if [ ! -e "$run/status" ]; then
         echo "lane $lane: ended without a result (limit $timeout s)"
