@@ -84,9 +84,11 @@ write_script() {
         echo "export PYTHONDONTWRITEBYTECODE=1"
         printf 'export KT_LANE=%q KT_BIN=%q KT_TIME_FACTOR=%q\n' "$1" "$bin" \
             "${KT_TIME_FACTOR:-$2}"
-        for name in KT_CHOSEN_TESTS KT_ALL_TESTS KT_MODEL_SEED KT_MODEL_SECONDS KT_LOAD_SECONDS; do
+        for name in KT_CHOSEN_TESTS KT_ALL_TESTS KT_MODEL_SEED KT_MODEL_SECONDS KT_LOAD_SECONDS \
+            KT_SOAK_SECONDS KT_SOAK_RATE KT_SOAK_OPTIONS; do
             [ -z "${!name:-}" ] || printf 'export %s=%q\n' "$name" "${!name}"
         done
+        printf 'export KT_RESULTS=%q\n' "$run/results"
         printf 'give_up() { echo "$*" >%q; exit 1; }\n' "$run/unable"
         echo "ip link set lo up"
         cat
@@ -108,6 +110,7 @@ write_tests() {
 
 # What is to stay of a run before its folder goes
 keep_results() {
+    [ ! -d "$run/results" ] || cp -r "$run/results/." "$repo/build/"
     [ -z "$junit" ] || [ ! -e "$run/junit.xml" ] || cp "$run/junit.xml" "$junit"
 }
 

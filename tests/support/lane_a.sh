@@ -27,4 +27,5 @@ for port in can0 can1; do
     ip link add dev $port type vcan && ip link set up $port || give_up "vcan $port cannot be made"
 done
 END
-run_arm_machine -smp "${KT_LANE_A_CPUS:-1}"
+# shellcheck disable=SC2086 # several arguments
+run_arm_machine -smp "${KT_LANE_A_CPUS:-1}" ${KT_LANE_A_ICOUNT:+-icount "$KT_LANE_A_ICOUNT"}

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The service at full load for a long time, sampled: does anything grow?
 
-    soak.py [--seconds 60] [--sample 2] [--rate 2000] [--writes 500] [--reads 10] [--out DIR]
+    soak.py [--seconds 60] [--sample 2] [--rate 2000] [--writes 500] [--reads 10] [--out DIR] ...
     soak.py --judge DIR/soak.csv     the verdict about samples that were taken before
 
 Frames on both ports, tag writers, REST readers and traffic recording go on all the time. Every few
@@ -89,7 +89,7 @@ OTHERS = ("seconds", "in_max_us", "out_max_us", "in_lost", "out_lost", "received
           "rest_answers", "frames_lost", "log_bytes", "machine_load")
 
 
-def port_device(port: int) -> Row:
+def port_device(port: int, cycle: int) -> Row:
     """Every kind of transaction, at a pace that a bus carries beside the load."""
     rows = [
         consume(
@@ -108,10 +108,10 @@ def port_device(port: int) -> Row:
     rows += [
         consume("ping", frame(PING, 8, tag("n", U32))),
         produce("pong", frame(PONG, 8, tag("n", U32, access="wo")), trigger=ON_CHANGE),
-        produce("beat", frame(0x300, 8, constant("mark", "55")), interval=10),
+        produce("beat", frame(0x300, 8, constant("mark", "55")), interval=cycle),
         request(
             "ask", frame(0x301, 1, constant("q", "01")), frame(0x302, 1, constant("a", "02")),
-            interval=100, timeout=50, retry=1,
+            interval=10 * cycle, timeout=50, retry=1,
         ),
         consume("silent", frame(0x303, 1, constant("a", "02")), timeout=500),
     ]
@@ -168,6 +168,27 @@ class RestReader(threading.Thread):
             self.gateway.record(port, True)
 
 
+class Bursts(threading.Thread):
+    """Now and then, for a moment, as many frames as the bus of one port carries."""
+
+    FULL = 9000  # frames of eight bytes at 1 Mbit/s
+
+    def __init__(self, options, ended: threading.Event):
+        super().__init__(daemon=True)
+        self.every, self.length, self.ended = options.bursts, options.burst, ended
+        self.sent = 0
+
+    def run(self) -> None:
+        for port in itertools.cycle(lane.PORTS):
+            if self.every == 0 or self.ended.wait(self.every):
+                return
+            command = [lane.helper("bin/load-node"), "send", port, str(self.FULL), f"{BASE:x}"]
+            with LineReader(command) as burst:
+                self.ended.wait(self.length)
+            if burst.lines:  # else it was stopped before it began
+                self.sent += int(burst.lines[-1].split()[1])
+
+
 @contextlib.contextmanager
 def load(options, gateway: Gateway):
     """The programs, by what they do; those that measure print a line for each try."""
@@ -179,8 +200,9 @@ def load(options, gateway: Gateway):
         commands[f"send{number}"] = ["send", port, str(options.rate), ids]
         names = [block_tag(f"soak{number}", f"out{i}", "w") for i in range(WRITTEN)]
         commands[f"write{number}"] = ["write", str(options.writes), *names]
-    commands["in"] = ["in", lane.PORTS[0], f"{PING:x}", block_tag("soak1", "ping", "n"), "20"]
-    commands["out"] = ["out", lane.PORTS[0], f"{PONG:x}", block_tag("soak1", "pong", "n"), "20"]
+    tries = str(options.tries)
+    commands["in"] = ["in", lane.PORTS[0], f"{PING:x}", block_tag("soak1", "ping", "n"), tries]
+    commands["out"] = ["out", lane.PORTS[0], f"{PONG:x}", block_tag("soak1", "pong", "n"), tries]
     with contextlib.ExitStack() as running:
         yield {
             name: running.enter_context(LineReader([node, *words], environment))
@@ -309,10 +331,11 @@ def judge(rows: list[dict], out: pathlib.Path, title: str) -> list[str]:
     return findings
 
 
-def judge_counts(gateway: Gateway, running: dict[str, LineReader], lost: int) -> list[str]:
+def judge_counts(gateway: Gateway, running: dict[str, LineReader], burst: int,
+                 lost: int) -> list[str]:
     """Every frame that went on the bus has been counted, or its loss logged. The last try of a
     latency may have been under way when its program was stopped."""
-    sent = len(running["in"].lines)
+    sent = burst + len(running["in"].lines)
     sent += sum(int(running[name].lines[-1].split()[1]) for name in ("send1", "send2"))
     received = sum(gateway.diagnose(port)["rxCount"] for port in (1, 2))
     print(f"  frames: {sent} sent, {received} received, {lost} logged as lost")
@@ -347,24 +370,27 @@ def run(options) -> int:
     rows: list[dict] = []
     with tempfile.TemporaryDirectory(prefix="kt-soak-") as folder:
         gateway = Gateway(pathlib.Path(folder))
-        gateway.configure(port_device(1), port_device(2),
+        gateway.configure(port_device(1, options.cycle), port_device(2, options.cycle),
                           sql=f"UPDATE interface_setting SET baudrate = {options.baudrate};")
         gateway.start()
         for port in (1, 2):
             gateway.record(port, True)
         ended = threading.Event()
         reader = RestReader(gateway, options.reads, ended)
+        bursts = Bursts(options, ended)
         with load(options, gateway) as running:
             sampler = Sampler(gateway, running, reader)
             reader.start()
+            bursts.start()
             take_samples(options, sampler, rows)
-        ended.set()
+            ended.set()
+            bursts.join()
         reader.join()
         settle(gateway)
         title = f"{options.seconds:g} s, {options.rate} frames/s a port, {options.writes} writes/s"
         print(f"soak: {title}, {len(rows)} samples")
         findings = judge(rows, options.out, title)
-        findings += judge_counts(gateway, running, sampler.frames_lost())
+        findings += judge_counts(gateway, running, bursts.sent, sampler.frames_lost())
         findings += reader.failures[:3]
         gateway.close()
     return conclude(findings)
@@ -397,6 +423,12 @@ def main() -> int:
     parser.add_argument("--rate", type=int, default=2000, help="frames per second and port")
     parser.add_argument("--writes", type=int, default=500, help="tag writes per second and port")
     parser.add_argument("--reads", type=float, default=10, help="REST requests per second")
+    parser.add_argument("--tries", type=int, default=20, help="measured latencies per second")
+    parser.add_argument("--cycle", type=int, default=10,
+                        help="milliseconds between two cyclic frames, ten cycles between requests")
+    parser.add_argument("--bursts", type=float, default=0,
+                        help="seconds between two bursts at full bus rate, 0 for none")
+    parser.add_argument("--burst", type=float, default=0.2, help="length of a burst in seconds")
     parser.add_argument("--baudrate", type=int, default=7, help="of the ports, as REST numbers it")
     parser.add_argument("--out", type=pathlib.Path, default=lane.REPO / "build/soak")
     parser.add_argument("--judge", type=pathlib.Path, help="a soak.csv; nothing is run")

@@ -50,9 +50,10 @@ def far_end(port: str) -> str:
 
 
 def helper(name: str) -> str:
-    """A program or library of the tests: a plain build's, whatever the service carries."""
+    """A program or library of the tests: a plain build's, whatever the service carries, where this
+    processor runs it."""
     plain = REPO / "build/release" / name
-    return str(plain if plain.exists() else BIN.parent / name)
+    return str(plain if plain.exists() and not ARM else BIN.parent / name)
 
 
 def wait_until(predicate, timeout: float = 5.0, what="the condition"):
