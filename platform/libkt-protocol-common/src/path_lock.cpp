@@ -22,7 +22,7 @@
 // Processes are told apart by their id, because a child of fork() inherits the table: what its
 // parent holds is not held here, and a descriptor opened by the parent would share its lock.
 struct kt_semaphore {
-    char path[PATH_MAX] = "";      // of the lock file; empty: free slot. Guarded by table_mutex
+    malloc_ptr<char> path;         // of the lock file; NULL: free slot. Guarded by table_mutex
     std::atomic<pid_t> holder = 0; // process with a thread that holds the lock
     unique_fd file;                // used by the holding thread alone
     pid_t opener = 0;              // process that opened the file; likewise
@@ -34,14 +34,15 @@ constexpr size_t kept_max = 64;
 std::mutex table_mutex; // held for looking a path up, never while waiting
 kt_semaphore table[kept_max];
 
-// The entry for a path, NULL when the table is full.
+// The entry for a path, NULL when the table is full or there is no memory for another path.
 kt_semaphore *find_kept(const char *path) {
     const std::lock_guard guard(table_mutex);
     for (kt_semaphore &entry : table) {
-        if (entry.path[0] == '\0') {
-            memcpy(entry.path, path, strlen(path) + 1);
+        if (!entry.path) {
+            entry.path.reset(strdup(path));
+            return entry.path ? &entry : nullptr;
         }
-        if (strcmp(entry.path, path) == 0) {
+        if (strcmp(entry.path.get(), path) == 0) {
             return &entry;
         }
     }
@@ -62,13 +63,15 @@ kt_semaphore *hold(kt_semaphore *entry) {
 }
 
 kt_semaphore *make_unkept(const char *path) {
-    auto *made = new (std::nothrow) kt_semaphore;
-    if (!made) {
+    std::unique_ptr<kt_semaphore> made(new (std::nothrow) kt_semaphore);
+    if (made) {
+        made->path.reset(strdup(path));
+    }
+    if (!made || !made->path) {
         errno = ENOMEM;
         return nullptr;
     }
-    memcpy(made->path, path, strlen(path) + 1);
-    return made;
+    return made.release();
 }
 
 void let_go(kt_semaphore *lock) {
@@ -96,7 +99,7 @@ int take_file_lock(kt_semaphore &lock) {
     for (;;) {
         if (!lock.file || lock.opener != getpid()) {
             constexpr int flags = O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-            lock.file = unique_fd(open(lock.path, flags, 0644));
+            lock.file = unique_fd(open(lock.path.get(), flags, 0644));
             lock.opener = getpid();
         }
         if (!lock.file || flock_again(lock.file.get(), LOCK_EX) != 0) {
