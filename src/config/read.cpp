@@ -240,14 +240,8 @@ int read_device(tree_queries *tree, device_config *record, int deviceId) {
     return read_transactions(tree, &record->transactions, deviceId);
 }
 
-/** A connection that sees one state of the database until it is closed. */
 working_copy_ptr open_snapshot() {
-    working_copy_ptr db(can_proprietary_db_get());
-    if (db != nullptr) {
-        // Without it the statements still work, each on the state of its moment.
-        (void)sqlite3_exec(db.get(), "BEGIN", nullptr, nullptr, nullptr);
-    }
-    return db;
+    return working_copy_ptr(conf_open_snapshot());
 }
 
 int check_port_row(sqlite3 *db, const char *function, int portId) {
@@ -264,33 +258,66 @@ int check_port_row(sqlite3 *db, const char *function, int portId) {
     return found == 1 ? 0 : -1;
 }
 
+int param_fail(const char *function) {
+    log_write_error(function, __LINE__, "param fail\n");
+    return -1;
+}
+
+/**
+ * Rows of a device, as can_proprietary_db_get_row_count() counts them; for the many devices of a
+ * port the statement is prepared once.
+ * @return the count, -1 on failure
+ */
+int count_transactions(sqlite3 *db, stmt_ptr *count, int deviceId) {
+    if (*count == nullptr) {
+        sqlite3_stmt *prepared = nullptr;
+        constexpr const char *sql = "SELECT count(*) FROM transactions WHERE deviceId = ?";
+        const int result = sqlite3_prepare_v2(db, sql, -1, &prepared, nullptr);
+        count->reset(prepared);
+        if (result != SQLITE_OK) {
+            return -1;
+        }
+    }
+    (void)sqlite3_reset(count->get()); // repeats the result of the last run
+    return sqlite3_bind_int(count->get(), 1, deviceId) == SQLITE_OK &&
+                   sqlite3_step(count->get()) == SQLITE_ROW
+               ? sqlite3_column_int(count->get(), 0)
+               : -1;
+}
+
 } // namespace
 
-int can_proprietary_conf_get_interface_config(interface_config *record, int portId) {
-    if (record == nullptr) {
-        log_error("param fail\n");
-        return -1;
+sqlite3 *conf_open_snapshot() {
+    sqlite3 *db = can_proprietary_db_get();
+    if (db != nullptr) {
+        // Without it the statements still work, each on the state of its moment.
+        (void)sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
     }
-    *record = {};
-    const working_copy_ptr db = open_snapshot();
-    if (db == nullptr) {
-        log_error("param fail\n");
-        return -1;
+    return db;
+}
+
+int conf_read_interface(sqlite3 *db, interface_config *record, int portId) {
+    constexpr const char *function = "can_proprietary_conf_get_interface_config";
+    if (record != nullptr) {
+        *record = {};
+    }
+    if (db == nullptr || record == nullptr) {
+        return param_fail(function);
     }
     int rows = 0;
-    if (can_proprietary_db_get_row_count(db.get(), "interface_setting", nullptr, &rows) != 0 ||
+    if (can_proprietary_db_get_row_count(db, "interface_setting", nullptr, &rows) != 0 ||
         rows == 0) {
-        log_error("db row count fail\n");
+        log_write_error(function, __LINE__, "db row count fail\n");
         return -1;
     }
-    query settings{__func__, db.get()};
+    query settings{function, db};
     constexpr const char *sql = "SELECT * FROM interface_setting WHERE portId = ";
     if (const int result = prepare(&settings, sql, portId, interface_sql_failure); result != 0) {
         return result;
     }
     const int found = step(settings, interface_sql_failure);
     if (found == 0) {
-        log_error("portId not found\n");
+        log_write_error(function, __LINE__, "portId not found\n");
     }
     if (found != 1) {
         return -1;
@@ -299,18 +326,27 @@ int can_proprietary_conf_get_interface_config(interface_config *record, int port
     return 0;
 }
 
-int can_proprietary_conf_get_interface_device_config(device_config **list, int portId) {
-    const working_copy_ptr db(list == nullptr ? nullptr : can_proprietary_db_get());
-    if (db == nullptr) {
-        log_error("param fail\n");
-        return -1;
+int can_proprietary_conf_get_interface_config(interface_config *record, int portId) {
+    const working_copy_ptr db = record == nullptr ? nullptr : open_snapshot();
+    return conf_read_interface(db.get(), record, portId);
+}
+
+int conf_read_interface_devices(sqlite3 *db, device_config **list, int portId) {
+    constexpr const char *function = "can_proprietary_conf_get_interface_device_config";
+    if (db == nullptr || list == nullptr) {
+        return param_fail(function);
     }
-    query devices{__func__, db.get()};
+    query devices{function, db};
     if (const int result = prepare(&devices, "SELECT * FROM device WHERE portId = ", portId);
         result != 0) {
         return result;
     }
     return read_list<device_config, conf_free_device_list>(devices, list, device_get_row);
+}
+
+int can_proprietary_conf_get_interface_device_config(device_config **list, int portId) {
+    const working_copy_ptr db(list == nullptr ? nullptr : can_proprietary_db_get());
+    return conf_read_interface_devices(db.get(), list, portId);
 }
 
 int can_proprietary_conf_get_port_config(device_config **list, int portId) {
@@ -396,50 +432,51 @@ int can_proprietary_conf_get_device_num(uint8_t *count) {
     return 0;
 }
 
-int can_proprietary_conf_get_overview_port_num(overview_info *info) {
-    const working_copy_ptr db(info == nullptr ? nullptr : can_proprietary_db_get());
-    if (db == nullptr) {
-        log_error("param fail\n");
-        return -1;
+int conf_count_ports(sqlite3 *db, overview_info *info) {
+    constexpr const char *function = "can_proprietary_conf_get_overview_port_num";
+    if (db == nullptr || info == nullptr) {
+        return param_fail(function);
     }
     int rows = 0;
-    if (can_proprietary_db_get_row_count(db.get(), "interface_setting", nullptr, &rows) != 0 ||
+    if (can_proprietary_db_get_row_count(db, "interface_setting", nullptr, &rows) != 0 ||
         rows == 0) {
-        log_error("db row count fail\n");
+        log_write_error(function, __LINE__, "db row count fail\n");
         return -1;
     }
     info->port_num = static_cast<uint8_t>(rows);
     return 0;
 }
 
-int can_proprietary_conf_get_overview_config(overview_info *info, int portId) {
-    const working_copy_ptr db = info == nullptr ? nullptr : open_snapshot();
-    if (db == nullptr) {
-        log_error("param fail\n");
-        return -1;
+int can_proprietary_conf_get_overview_port_num(overview_info *info) {
+    const working_copy_ptr db(info == nullptr ? nullptr : can_proprietary_db_get());
+    return conf_count_ports(db.get(), info);
+}
+
+int conf_count_rows_of_port(sqlite3 *db, overview_info *info, int portId) {
+    constexpr const char *function = "can_proprietary_conf_get_overview_config";
+    if (db == nullptr || info == nullptr) {
+        return param_fail(function);
     }
     std::array<char, 64> condition{};
     (void)snprintf(condition.data(), condition.size(), "portId = %d", portId);
     int devices = 0;
-    if (can_proprietary_db_get_row_count(db.get(), "device", condition.data(), &devices) != 0) {
+    if (can_proprietary_db_get_row_count(db, "device", condition.data(), &devices) != 0) {
         return -1;
     }
-    query rows{__func__, db.get()};
+    query rows{function, db};
     if (const int result = prepare(&rows, "SELECT * FROM device WHERE portId = ", portId);
         result != 0) {
         return result;
     }
+    stmt_ptr count;
     uint8_t transaction_num = 0; // the sum wraps at 8 bits, on purpose: clients know it so
     int found = step(rows);
     for (; found == 1; found = step(rows)) {
-        const int deviceId = key_of_row(rows.statement.get());
-        (void)snprintf(condition.data(), condition.size(), "deviceId = %d", deviceId);
-        int count = 0;
-        if (can_proprietary_db_get_row_count(db.get(), "transactions", condition.data(), &count) !=
-            0) {
+        const int transactions = count_transactions(db, &count, key_of_row(rows.statement.get()));
+        if (transactions < 0) {
             return -1;
         }
-        transaction_num = static_cast<uint8_t>(transaction_num + count);
+        transaction_num = static_cast<uint8_t>(transaction_num + transactions);
     }
     if (found < 0) {
         return -1;
@@ -447,6 +484,11 @@ int can_proprietary_conf_get_overview_config(overview_info *info, int portId) {
     info->device_num = static_cast<uint8_t>(devices);
     info->transaction_num = transaction_num;
     return 0;
+}
+
+int can_proprietary_conf_get_overview_config(overview_info *info, int portId) {
+    const working_copy_ptr db = info == nullptr ? nullptr : open_snapshot();
+    return conf_count_rows_of_port(db.get(), info, portId);
 }
 
 int can_proprietary_conf_changed(int *changed) {

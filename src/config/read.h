@@ -56,6 +56,30 @@ int can_proprietary_conf_get_overview_port_num(overview_info *info);
 /** device_num and transaction_num of a port. */
 int can_proprietary_conf_get_overview_config(overview_info *info, int portId);
 
+/*
+ * The operations above on a connection of the caller's, for a request that needs more than one of
+ * them: to open the working copy costs more than to read it. Results and messages are theirs, and a
+ * missing connection is a working copy that cannot be opened.
+ */
+
+/**
+ * A connection that sees one state of the database until it is closed.
+ * @return nullptr on failure (logged); close with can_proprietary_db_close()
+ */
+sqlite3 *conf_open_snapshot();
+
+/** can_proprietary_conf_get_interface_config() */
+int conf_read_interface(sqlite3 *db, interface_config *record, int portId);
+
+/** can_proprietary_conf_get_interface_device_config() */
+int conf_read_interface_devices(sqlite3 *db, device_config **list, int portId);
+
+/** can_proprietary_conf_get_overview_port_num() */
+int conf_count_ports(sqlite3 *db, overview_info *info);
+
+/** can_proprietary_conf_get_overview_config() */
+int conf_count_rows_of_port(sqlite3 *db, overview_info *info, int portId);
+
 /**
  * Whether the working copy holds edits not yet applied or discarded.
  * @retval 0 @retval -1 NULL argument (logged) @retval -4 the time cannot be read

@@ -43,9 +43,9 @@ int append_device(JSON_Array *array, const device_config *device) {
     return REST_RET_SUCCESS;
 }
 
-int add_device_list(JSON_Object *output, int port) {
+int add_device_list(JSON_Object *output, sqlite3 *db, int port) {
     device_config *read = nullptr;
-    if (can_proprietary_conf_get_interface_device_config(&read, port) != 0) {
+    if (conf_read_interface_devices(db, &read, port) != 0) {
         return fail(get_interface, "get_interface_device_config fail\n", REST_RET_GET_FAIL);
     }
     const device_list_ptr devices(read);
@@ -78,13 +78,14 @@ int build_interface(const char *uri, json_ptr *output) {
     if (result != 0) {
         return result;
     }
+    const working_copy_ptr db(conf_open_snapshot());
     interface_config config{};
-    if (can_proprietary_conf_get_interface_config(&config, port) != 0) {
+    if (conf_read_interface(db.get(), &config, port) != 0) {
         return fail(get_interface, "get config fail\n", REST_RET_GET_FAIL);
     }
     JSON_Object *object = json_value_get_object(output->get());
     result = add_interface(object, config);
-    return result != 0 ? result : add_device_list(object, port);
+    return result != 0 ? result : add_device_list(object, db.get(), port);
 }
 
 constexpr const char *get_device = "can_proprietary_rest_get_device_config";
@@ -132,9 +133,9 @@ int build_device(const char *uri, json_ptr *output) {
 
 constexpr const char *get_overview = "can_proprietary_rest_get_overview_config";
 
-int append_port(JSON_Array *array, int port) {
+int append_port(JSON_Array *array, sqlite3 *db, int port) {
     overview_info info{};
-    if (can_proprietary_conf_get_overview_config(&info, port) != 0) {
+    if (conf_count_rows_of_port(db, &info, port) != 0) {
         return fail(get_overview, "get config fail\n", REST_RET_GET_FAIL);
     }
     json_ptr value(json_value_init_object());
@@ -158,8 +159,9 @@ int build_overview(const char *uri, json_ptr *output) {
     if (const int result = check_uri(get_overview, uri); result != 0) {
         return result;
     }
+    const working_copy_ptr db(conf_open_snapshot());
     overview_info info{};
-    if (can_proprietary_conf_get_overview_port_num(&info) != 0) {
+    if (conf_count_ports(db.get(), &info) != 0) {
         return fail(get_overview, "get config fail\n", REST_RET_GET_FAIL);
     }
     if (const int result = init_output(get_overview, output); result != 0) {
@@ -175,7 +177,8 @@ int build_overview(const char *uri, json_ptr *output) {
         return fail(get_overview, "init transaction_table_arr fail\n", REST_RET_JSON_INIT_FAIL);
     }
     for (int port = 1; port <= info.port_num; port++) {
-        if (const int result = append_port(json_value_get_array(list.get()), port); result != 0) {
+        const int result = append_port(json_value_get_array(list.get()), db.get(), port);
+        if (result != 0) {
             return result;
         }
     }
