@@ -131,3 +131,12 @@ uint16_t relevance_of(const table &table, uint8_t column, int32_t value, uint16_
     }
     return added;
 }
+
+bool gives_relevance(const table &table, uint8_t column) {
+    for (const activation &rule : table.activations) {
+        if (rule.column == column) {
+            return true;
+        }
+    }
+    return false;
+}

@@ -79,6 +79,9 @@ const table &table_of(table_id id);
 /** Relevances that a value of a column adds to those known so far. */
 uint16_t relevance_of(const table &table, uint8_t column, int32_t value, uint16_t known);
 
+/** Whether any value of the column makes others relevant. */
+bool gives_relevance(const table &table, uint8_t column);
+
 inline bool is_relevant(const column &column, uint16_t known) {
     return column.when == ALWAYS || (column.when & known) != 0;
 }
