@@ -1,36 +1,50 @@
 #include "bench_gateway.h"
+#include "config/config_file.h"
 #include "config/database_files.h"
+#include "core/state.h"
+#include "device/diag.h"
+#include "largest.h"
+#include "measured.h"
 #include "rest/handlers.h"
 #include "statement_record.h"
+#include "traffic/recorder.h"
 
 #include <kt/rest.h>
 
 #include <array>
-#include <benchmark/benchmark.h>
-#include <memory>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
 #include <string>
+#include <vector>
 
 /*
- * What a request costs beyond its SQL: a device with 16 transactions, 24 frames and 96 tags is read
- * and created by the handlers as the server calls them; by the very statements that they execute,
- * as texts on a connection of their own, with nothing around them; and, as the least that can be
- * thought of, by such statements prepared beforehand on an open connection, in one transaction. All
- * on the same file.
+ * What a request costs: each endpoint's handler as the server calls it, and, on the same file, the
+ * SQLite operations that it cannot do without: a connection opened as the service opens it, and the
+ * statements that the handler executes, each text prepared once.
  *
- * The argument is the number of such devices that the working copy holds: 1, and 32, which is the
- * most that fits.
+ *   bench_rest [--size DEVICES,TRANSACTIONS] [--runs N] [--growth]
+ *
+ * Under callgrind every handler and every floor runs once and becomes a part of the output, named
+ * "WHO/CASE".
  */
 
 namespace {
 
-constexpr int transactions_per_device = 16;
-constexpr int tags_per_frame = 4;
+constexpr int busy_slots = 256; // transactions of a port, in its diagnostics
 
 size_t g_answer_bytes = 0;
 
-bool is_request(int transaction) {
-    return transaction % 2 == 1;
-}
+struct request {
+    const char *name; // as a client writes it
+    rest_callback handler;
+    const char *uri;
+    std::string body;
+    int status;
+};
+
+// Bodies ---------------------------------------------------------------------------------------
 
 std::string tag_json(int tag) {
     return R"({"blockType":0,"tagName":"value-)" + std::to_string(tag) +
@@ -41,313 +55,371 @@ std::string tag_json(int tag) {
 
 std::string frame_json(int canId) {
     std::string text = R"({"canId":)" + std::to_string(canId) + R"(,"dataLength":8,"blockList":[)";
-    for (int tag = 0; tag < tags_per_frame; tag++) {
+    for (int tag = 0; tag < 4; tag++) {
         text += (tag == 0 ? "" : ",") + tag_json(tag);
     }
     return text + "]}";
 }
 
-std::string transaction_json(int index) {
-    std::string text = R"({"transactionEnable":true,"transactionName":"exchange-)" +
-                       std::to_string(index) + R"(","transactionType":)" +
-                       (is_request(index) ? "2" : "0") +
-                       R"(,"trigger":0,"cyclicInterval":1000,"fpFunc":0,)";
-    text += is_request(index) ? R"("responseTimeout":100,"timeoutRetry":2,)"
-                              : R"("triggerByRTR":false,)";
-    text += R"("frameList":[)" + frame_json(256 + 2 * index);
-    return text + (is_request(index) ? "," + frame_json(257 + 2 * index) : "") + "]}";
+std::string frames_json() {
+    return R"("frameList":[)" + frame_json(256) + "," + frame_json(257) + "]";
 }
 
-const std::string &device_json() {
-    static const std::string text = [] {
-        std::string list;
-        for (int i = 0; i < transactions_per_device; i++) {
-            list += (i == 0 ? "" : ",") + transaction_json(i);
-        }
-        return R"({"portId":1,"deviceName":"drive","transactionList":[)" + list + "]}";
-    }();
-    return text;
+std::string transaction_json(const std::string &name, const std::string &more) {
+    return R"({"transactionEnable":true,"transactionName":")" + name +
+           R"(","transactionType":2,"trigger":0,"cyclicInterval":1000,"fpFunc":0,)"
+           R"("responseTimeout":100,"timeoutRetry":2)" +
+           more + "}";
 }
 
-void post_device() {
-    const std::string &body = device_json();
-    const int status = can_proprietary_rest_post_device_config(
-        "/CAN-proprietary/device", body.c_str(), body.size());
-    if (status != 201) {
-        give_up("POST answered " + std::to_string(status));
+std::string device_json() {
+    return R"({"portId":1,"deviceName":"drive","transactionList":[)" +
+           transaction_json("a", "," + frames_json()) + "," +
+           transaction_json("b", "," + frames_json()) + "]}";
+}
+
+constexpr const char *standard_port =
+    R"({"frameFormat":0,"baudrate":3,"initialDelay":0,"busOffReset":true,"resistor":false})";
+
+std::string upload(const std::string &content) {
+    return "--edge\r\nContent-Disposition: form-data; name=\"file\"; filename=\"a.csv\"\r\n"
+           "Content-Type: text/csv\r\n\r\n" +
+           content + "\r\n--edge--\r\n";
+}
+
+// The table --------------------------------------------------------------------------------------
+
+std::vector<request> reading_requests() {
+    return {
+        {"GET /interface?portId=1",
+         can_proprietary_rest_get_interface_config,
+         "/CAN-proprietary/interface?portId=1",
+         "",
+         200},
+        {"GET /device?deviceId=1",
+         can_proprietary_rest_get_device_config,
+         "/CAN-proprietary/device?deviceId=1",
+         "",
+         200},
+        {"GET /overview",
+         can_proprietary_rest_get_overview_config,
+         "/CAN-proprietary/overview",
+         "",
+         200},
+        {"GET /config-change",
+         can_proprietary_rest_get_config_change,
+         "/CAN-proprietary/config-change",
+         "",
+         200},
+        {"GET /usedCANIds?portId=1",
+         can_proprietary_rest_get_usedCANIds_config,
+         "/CAN-proprietary/usedCANIds?portId=1",
+         "",
+         200},
+        {"GET /diagnose?portId=1",
+         can_proprietary_rest_get_diagnose,
+         "/CAN-proprietary/diagnose?portId=1",
+         "",
+         200},
+        {"GET /traffic/1",
+         can_proprietary_rest_get_traffic_log,
+         "/CAN-proprietary/traffic/1",
+         "",
+         200},
+        {"GET /traffic-export/1",
+         can_proprietary_rest_export_traffic_csv,
+         "/CAN-proprietary/traffic-export/1",
+         "",
+         200},
+        {"GET /config-file",
+         can_proprietary_rest_get_config_file,
+         "/CAN-proprietary/config-file",
+         "",
+         200},
+    };
+}
+
+/** What fits is one device and two transactions less than the largest configuration. */
+std::vector<request> changing_requests(const std::string &file) {
+    return {
+        {"PATCH /interface/2",
+         can_proprietary_rest_patch_interface_config,
+         "/CAN-proprietary/interface/2",
+         standard_port,
+         200},
+        {"POST /device",
+         can_proprietary_rest_post_device_config,
+         "/CAN-proprietary/device",
+         device_json(),
+         201},
+        {"PATCH /device/1",
+         can_proprietary_rest_patch_device_name_config,
+         "/CAN-proprietary/device/1",
+         R"({"deviceName":"renamed"})",
+         200},
+        {"DELETE /device/1",
+         can_proprietary_rest_delete_device_config,
+         "/CAN-proprietary/device/1",
+         "",
+         204},
+        {"POST /transaction",
+         can_proprietary_rest_post_transaction_config,
+         "/CAN-proprietary/transaction",
+         transaction_json("new", R"(,"deviceId":1,)" + frames_json()),
+         201},
+        {"PATCH /transaction/1",
+         can_proprietary_rest_patch_transaction_config,
+         "/CAN-proprietary/transaction/1",
+         transaction_json("renamed", ""),
+         200},
+        {"DELETE /transaction/1",
+         can_proprietary_rest_delete_transaction_config,
+         "/CAN-proprietary/transaction/1",
+         "",
+         204},
+        {"PUT /frame/1",
+         can_proprietary_rest_put_frame_config,
+         "/CAN-proprietary/frame/1",
+         "{" + frames_json() + "}",
+         200},
+        {"POST /traffic/1",
+         can_proprietary_rest_post_traffic_log,
+         "/CAN-proprietary/traffic/1",
+         R"({"option":1})",
+         201},
+        {"POST /action (discard)",
+         can_proprietary_post_rest_action,
+         "/CAN-proprietary/action",
+         R"({"option":1})",
+         201},
+        {"POST /action (apply)",
+         can_proprietary_post_rest_action,
+         "/CAN-proprietary/action",
+         R"({"option":0})",
+         201},
+        {"POST /config-file",
+         can_proprietary_rest_post_config_file,
+         "/CAN-proprietary/config-file",
+         upload(file),
+         201},
+    };
+}
+
+// Measuring --------------------------------------------------------------------------------------
+
+void send(const request &request) {
+    const char *body = request.body.empty() ? nullptr : request.body.c_str();
+    const int status = request.handler(request.uri, body, request.body.size());
+    if (status != request.status) {
+        give_up(std::string(request.name) + " answered " + std::to_string(status));
     }
 }
 
-void delete_last_device() {
+void keep(const std::string &from, const std::string &to) {
+    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing);
+}
+
+/** One handler and its floor, each on the file as it was. */
+class measurement {
+public:
+    measurement(const bench_gateway &gateway, request request, std::string size)
+        : kept_(gateway.path("kept.db")), kept_applied_(gateway.path("kept-applied.db")),
+          request_(std::move(request)), name_(request_.name + std::move(size)) {
+        keep(working_db_path(), kept_);
+        keep(persistent_db_path(), kept_applied_);
+    }
+    measurement(const measurement &) = delete;
+    measurement &operator=(const measurement &) = delete;
+    ~measurement() { restore(); }
+
+    /** Statements, openings and the length of the answer. */
+    void record() {
+        {
+            const statement_record record;
+            g_answer_bytes = 0;
+            send(request_);
+        }
+        const auto &recorded = statement_record::connections();
+        openings_ = recorded.size();
+        statements_ = count_statements(recorded);
+        floor_ = std::string_view(request_.name).starts_with("GET") ? merge(recorded) : recorded;
+        restore();
+    }
+    void print_counts() const {
+        print_value(service(), "SQL statements", static_cast<double>(statements_));
+        print_value(service(), "database opens", static_cast<double>(openings_));
+        print_value(sqlite(), "database opens", static_cast<double>(floor_.size()));
+        print_value(service(), "bytes of the answer", static_cast<double>(g_answer_bytes));
+    }
+
+    void count() {
+        counting_starts();
+        send(request_);
+        counting_ends("service/" + name_);
+        restore();
+        if (has_floor()) {
+            counting_starts();
+            replay(working_db_path(), floor_);
+            counting_ends("SQLite/" + name_);
+            restore();
+        }
+    }
+
+    void time(int runs) {
+        std::vector<double> ours;
+        std::vector<double> floor;
+        for (int i = 0; i < runs; i++) {
+            ours.push_back(one([this] { send(request_); }));
+            if (has_floor()) {
+                floor.push_back(one([this] { replay(working_db_path(), floor_); }));
+            }
+        }
+        print_values(service(), "us of processor", ours);
+        if (has_floor()) {
+            print_values(sqlite(), "us of processor", floor);
+        }
+    }
+
+private:
+    [[nodiscard]] measured_case service() const { return {name_, "service"}; }
+    [[nodiscard]] measured_case sqlite() const { return {name_, "SQLite"}; }
+
+    /** What copies whole databases is no list of statements. */
+    [[nodiscard]] bool has_floor() const {
+        return openings_ > 0 && std::string_view(request_.name).find("/action") == std::string::npos;
+    }
+    template <typename Work>
+    double one(Work work) {
+        const double before = processor_us();
+        work();
+        const double spent = processor_us() - before;
+        restore();
+        return spent;
+    }
+    void restore() const {
+        keep(kept_, working_db_path());
+        keep(kept_applied_, persistent_db_path());
+    }
+
+    std::string kept_;
+    std::string kept_applied_;
+    request request_;
+    std::string name_;
+    std::vector<recorded_connection> floor_;
+    size_t openings_ = 0;
+    size_t statements_ = 0;
+};
+
+struct options {
+    configuration_size size = largest_size;
+    int runs = 9;
+    bool growth = false;
+};
+
+void measure(const bench_gateway &gateway, const request &request, const options &options) {
+    const std::string size = options.size.devices == largest_size.devices
+                                 ? ""
+                                 : ", " + std::to_string(options.size.tags()) + " tags";
+    measurement measurement(gateway, request, size);
+    measurement.record();
+    if (is_counted()) {
+        measurement.count();
+        return;
+    }
+    measurement.print_counts();
+    if (options.runs > 0) {
+        measurement.time(options.runs);
+    }
+}
+
+void fill(const bench_gateway &gateway, const std::string &file) {
+    const std::string path = gateway.path("filling.csv");
+    write_file(path, file);
+    conf_import_error err{};
+    if (can_proprietary_conf_import(path.c_str(), &err) != 0) {
+        give_up(std::string("import: ") + err.key + " in " + err.table_name);
+    }
+    keep(working_db_path(), persistent_db_path());
+}
+
+void fill_diagnostics(int transactions) {
+    if (can_proprietary_diag_create_infos(2) != 0 || can_proprietary_traffic_init(2) != 0) {
+        give_up("no diagnostics");
+    }
+    for (int i = 0; i < transactions && i < busy_slots; i++) {
+        (void)can_proprietary_diag_register(0, "device", "exchange", true);
+    }
+    if (can_proprietary_traffic_init_start_time(0) != 0 || can_proprietary_traffic_start(0) != 0) {
+        give_up("no recording");
+    }
+    constexpr std::array<uint8_t, 8> data{};
+    for (uint32_t i = 0; i < 100; i++) {
+        (void)can_proprietary_traffic_record_log(data.data(), TRAFFIC_RECEIVE, i, 0, 8, 0);
+    }
+}
+
+void measure_all(const bench_gateway &gateway, const options &options) {
+    const both_forms forms = make_configuration(options.size);
+    fill(gateway, forms.file);
+    fill_diagnostics(options.size.transactions / 2);
+    for (const request &request : reading_requests()) {
+        measure(gateway, request, options);
+    }
     bench_gateway::execute(
         "DELETE FROM device WHERE deviceId = (SELECT MAX(deviceId) FROM device)");
-}
-
-void fill(int devices) {
-    bench_gateway::execute("DELETE FROM device");
-    for (int i = 0; i < devices; i++) {
-        post_device();
+    for (const request &request : changing_requests(forms.file)) {
+        measure(gateway, request, options);
     }
 }
 
-/** A prepared statement on its way through rows and keys. */
-class prepared {
-public:
-    prepared(sqlite3 *db, const char *sql) : db_(db) {
-        if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement_, nullptr) !=
-            SQLITE_OK) {
-            give_up(std::string(sql) + ": " + sqlite3_errmsg(db));
-        }
-    }
-    prepared(const prepared &) = delete;
-    prepared &operator=(const prepared &) = delete;
-    ~prepared() { (void)sqlite3_finalize(statement_); }
-
-    prepared &bind(int position, int value) {
-        (void)sqlite3_bind_int(statement_, position, value);
-        return *this;
-    }
-    prepared &bind(int position, const char *value) {
-        (void)sqlite3_bind_text(statement_, position, value, -1, SQLITE_STATIC);
-        return *this;
-    }
-
-    /** Hand every column of every row over, as text or number, and the first to visit. */
-    template <typename Visit>
-    void each(Visit visit) {
-        int result = sqlite3_step(statement_);
-        for (; result == SQLITE_ROW; result = sqlite3_step(statement_)) {
-            for (int i = 0; i < sqlite3_column_count(statement_); i++) {
-                read(i);
+/** Statements of a device's GET against its transactions, of a port's identifiers likewise. */
+void print_growth(const bench_gateway &gateway) {
+    for (const int transactions : {1, 2, 4, 8, 16, 32, 64, 128, 256, 512}) {
+        fill(gateway, make_configuration({1, transactions}).file);
+        for (const request &request : reading_requests()) {
+            const statement_record record;
+            const std::string uri = request.uri;
+            if (uri.find("deviceId") == uri.npos && uri.find("usedCANIds") == uri.npos &&
+                uri.find("overview") == uri.npos) {
+                continue;
             }
-            visit(sqlite3_column_int(statement_, 0));
+            std::string port_2 = uri; // which the one device is on
+            if (const size_t port = uri.find("portId=1"); port != uri.npos) {
+                port_2.replace(port, 8, "portId=2");
+            }
+            (void)request.handler(port_2.c_str(), nullptr, 0);
+            print_value(
+                {std::string(request.name) + ", " + std::to_string(transactions) + " transactions",
+                 "service"},
+                "SQL statements",
+                static_cast<double>(count_statements(statement_record::connections())));
         }
-        if (result != SQLITE_DONE) {
-            give_up(sqlite3_errmsg(db_));
-        }
-        (void)sqlite3_reset(statement_);
-    }
-    int run() {
-        int last = 0;
-        each([&last](int key) { last = key; });
-        return last;
-    }
-
-private:
-    void read(int position) {
-        switch (sqlite3_column_type(statement_, position)) {
-        case SQLITE_TEXT:
-            benchmark::DoNotOptimize(sqlite3_column_text(statement_, position));
-            break;
-        case SQLITE_FLOAT:
-            benchmark::DoNotOptimize(sqlite3_column_double(statement_, position));
-            break;
-        default:
-            benchmark::DoNotOptimize(sqlite3_column_int(statement_, position));
-        }
-    }
-
-    sqlite3 *db_;
-    sqlite3_stmt *statement_ = nullptr;
-};
-
-/** The SELECTs of a device, in the order of the read operations. */
-struct device_selects {
-    explicit device_selects(sqlite3 *db)
-        : device(db, "SELECT * FROM device WHERE deviceId = ?"),
-          transactions(db, "SELECT * FROM transactions WHERE deviceId = ?"),
-          transaction(db, "SELECT * FROM transactions WHERE transactionId = ?"),
-          frames(db, "SELECT * FROM frame WHERE transactionId = ?"),
-          frame(db, "SELECT * FROM frame WHERE frameId = ?"),
-          blocks(db, "SELECT * FROM block WHERE frameId = ?") {}
-
-    int run(int deviceId) {
-        int blocks_read = 0;
-        (void)device.bind(1, deviceId).run();
-        transactions.bind(1, deviceId).each([this, &blocks_read](int transactionId) {
-            (void)transaction.bind(1, transactionId).run();
-            frames.bind(1, transactionId).each([this, &blocks_read](int frameId) {
-                (void)frame.bind(1, frameId).run();
-                blocks.bind(1, frameId).each([&blocks_read](int) { blocks_read++; });
-            });
-        });
-        return blocks_read;
-    }
-
-    prepared device, transactions, transaction, frames, frame, blocks;
-};
-
-/** The key of a row just inserted, found as the write operations find it. */
-struct last_row {
-    last_row(sqlite3 *db, const std::string &table)
-        : count(db, ("SELECT count(*) FROM " + table + " WHERE 1").c_str()),
-          at(db, ("SELECT * FROM " + table + " LIMIT 1 OFFSET ?").c_str()) {}
-
-    int key() { return at.bind(1, count.run() - 1).run(); }
-
-    prepared count, at;
-};
-
-/** The statements that create a device, in the order of the write operations. */
-struct device_inserts {
-    explicit device_inserts(sqlite3 *db)
-        : device(db, "INSERT INTO device (deviceName, portId) VALUES (?, ?)"),
-          transaction_name(db,
-                           "SELECT 1 FROM transactions WHERE transactionName = ? AND deviceId = ?"),
-          transaction(
-              db,
-              "INSERT INTO transactions (deviceId, transactionEnable, TransactionName, "
-              "TransactionType, triggerMode, cyclicinterval, fpFunc, fpTimeout, "
-              "triggerByRTR, consumeToutEnable, consumeTimeout, timeoutRetry, "
-              "responseTimeout) VALUES (?, 1, ?, ?, 0, 1000, 0, 60000, 0, 0, 10000, 2, 100)"),
-          frame(db,
-                "INSERT INTO frame (transactionId, canId, dataLength, frameType) VALUES (?, ?, 8, "
-                "?)"),
-          tag_name(db, "SELECT 1 FROM block WHERE tagName = ? AND frameId = ?"),
-          block(db,
-                "INSERT INTO block (frameId, blockType, startOffset, tagName, tagType, tagSize, "
-                "access, swap, fpData, scalingFunc, interceptSlope, interceptOffset, "
-                "pointSourceMin, pointSourceMax, pointTargetMin, pointTargetMax) VALUES (?, 0, ?, "
-                "?, 6, 2, 'ro', 0, '0000', 0, 0, 1, 0, 1, 0, 1)"),
-          last_device(db, "device"), last_transaction(db, "transactions"), last_frame(db, "frame"),
-          last_block(db, "block") {}
-
-    void run() {
-        (void)device.bind(1, "drive").bind(2, 1).run();
-        const int deviceId = last_device.key();
-        for (int i = 0; i < transactions_per_device; i++) {
-            insert_transaction(deviceId, i);
-        }
-    }
-
-private:
-    void insert_transaction(int deviceId, int index) {
-        const std::string name = "exchange-" + std::to_string(index);
-        (void)transaction_name.bind(1, name.c_str()).bind(2, deviceId).run();
-        (void)transaction.bind(1, deviceId)
-            .bind(2, name.c_str())
-            .bind(3, is_request(index) ? 2 : 0)
-            .run();
-        const int transactionId = last_transaction.key();
-        insert_frame(transactionId, 256 + 2 * index, is_request(index) ? 2 : 0);
-        if (is_request(index)) {
-            insert_frame(transactionId, 257 + 2 * index, 3);
-        }
-    }
-    void insert_frame(int transactionId, int canId, int type) {
-        (void)frame.bind(1, transactionId).bind(2, canId).bind(3, type).run();
-        const int frameId = last_frame.key();
-        for (int tag = 0; tag < tags_per_frame; tag++) {
-            const std::string name = "value-" + std::to_string(tag);
-            (void)tag_name.bind(1, name.c_str()).bind(2, frameId).run();
-            (void)block.bind(1, frameId).bind(2, 2 * tag).bind(3, name.c_str()).run();
-            (void)last_block.key();
-        }
-    }
-
-    prepared device, transaction_name, transaction, frame, tag_name, block;
-    last_row last_device, last_transaction, last_frame, last_block;
-};
-
-using connection = std::unique_ptr<sqlite3, decltype(&sqlite3_close)>;
-
-connection open_working_copy() {
-    return {open_like_the_service(working_db_path()), sqlite3_close};
-}
-
-void get_device() {
-    const int status =
-        can_proprietary_rest_get_device_config("/CAN-proprietary/device?deviceId=1", nullptr, 0);
-    if (status != 200) {
-        give_up("GET answered " + std::to_string(status));
     }
 }
 
-void get_handler(benchmark::State &state) {
-    fill(static_cast<int>(state.range(0)));
-    for (auto _ : state) {
-        get_device();
-    }
-    state.counters["answer_bytes"] = static_cast<double>(g_answer_bytes);
-}
-
-void get_texts(benchmark::State &state) {
-    fill(static_cast<int>(state.range(0)));
-    {
-        const statement_record record;
-        get_device();
-    }
-    for (auto _ : state) {
-        replay(working_db_path(), statement_record::connections());
-    }
-}
-
-void get_statements(benchmark::State &state) {
-    fill(static_cast<int>(state.range(0)));
-    const connection db = open_working_copy();
-    device_selects selects(db.get());
-    for (auto _ : state) {
-        execute_on(db.get(), "BEGIN");
-        if (selects.run(1) != 24 * tags_per_frame) {
-            give_up("the statements found other rows");
+options read_options(int argc, char **argv) {
+    options options;
+    for (int i = 1; i < argc; i++) {
+        const std::string_view word = argv[i];
+        if (word == "--growth") {
+            options.growth = true;
+        } else if (word == "--runs" && i + 1 < argc) {
+            options.runs = atoi(argv[++i]);
+        } else if (word == "--size" && i + 1 < argc &&
+                   sscanf(
+                       argv[i + 1], "%d,%d", &options.size.devices, &options.size.transactions) ==
+                       2) {
+            i++;
+        } else {
+            give_up("usage: bench_rest [--size DEVICES,TRANSACTIONS] [--runs N] [--growth]");
         }
-        execute_on(db.get(), "COMMIT");
     }
+    return options;
 }
-
-void post_handler(benchmark::State &state) {
-    fill(static_cast<int>(state.range(0)) - 1);
-    for (auto _ : state) {
-        post_device();
-        state.PauseTiming();
-        delete_last_device();
-        state.ResumeTiming();
-    }
-}
-
-void post_texts(benchmark::State &state) {
-    fill(static_cast<int>(state.range(0)) - 1);
-    {
-        const statement_record record;
-        post_device();
-    }
-    delete_last_device(); // the next one gets the same keys
-    for (auto _ : state) {
-        replay(working_db_path(), statement_record::connections());
-        state.PauseTiming();
-        delete_last_device();
-        state.ResumeTiming();
-    }
-}
-
-void post_statements(benchmark::State &state) {
-    fill(static_cast<int>(state.range(0)) - 1);
-    for (auto _ : state) {
-        state.PauseTiming();
-        {
-            const connection db = open_working_copy();
-            device_inserts inserts(db.get());
-            state.ResumeTiming();
-            execute_on(db.get(), "BEGIN");
-            inserts.run();
-            execute_on(db.get(), "COMMIT");
-            state.PauseTiming();
-        }
-        delete_last_device();
-        state.ResumeTiming();
-    }
-}
-
-BENCHMARK(get_handler)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
-BENCHMARK(get_texts)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
-BENCHMARK(get_statements)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
-BENCHMARK(post_handler)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
-BENCHMARK(post_texts)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
-BENCHMARK(post_statements)->Arg(1)->Arg(32)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
-/** Stands where the server takes an answer over: it copies it, too. */
+/** Stand where the server takes an answer over: they copy it, too. */
 extern "C" int __wrap_rest_write(const char *text, size_t length) {
     static std::string answer;
     answer.assign(text, length);
@@ -355,12 +427,14 @@ extern "C" int __wrap_rest_write(const char *text, size_t length) {
     return REST_OK;
 }
 
+extern "C" int
+__wrap_rest_write_file(const char * /*download_name*/, const void *data, size_t length) {
+    return __wrap_rest_write(static_cast<const char *>(data), length);
+}
+
 int main(int argc, char **argv) {
+    const options options = read_options(argc, argv);
     const bench_gateway gateway;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
+    options.growth ? print_growth(gateway) : measure_all(gateway, options);
     return 0;
 }
