@@ -11,14 +11,14 @@ import json
 import sys
 from pathlib import Path
 
-from results import name_of, read_group
+from results import name_of, read_groups
 
 TOLERANCE = 0.03
 
 
 def counts_of(paths: list[str]) -> tuple[set[str], dict[str, float]]:
     """The groups that were measured, and what they counted."""
-    groups = [read_group(Path(path)) for path in paths]
+    groups = read_groups(paths)
     return ({group.name for group in groups},
             {name_of(line): line["value"] for group in groups for line in group.lines})
 

@@ -2,8 +2,7 @@
 
 report.py PAGE IMAGES RESULTS...
 
-PAGE is the document, IMAGES the folder of the plots, RESULTS one file a group in the order of the
-page. Prints the goals. gnuplot draws; without it the page has no plots.
+PAGE is the document, IMAGES the folder of the plots, RESULTS their files in the order of the page. Prints the goals. gnuplot draws; without it the page has no plots.
 """
 
 import datetime
@@ -15,7 +14,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-from results import Group, Verdict, judge, read_group
+from results import Group, Verdict, judge, read_groups
 
 INTRODUCTION = """# Performance
 
@@ -153,7 +152,7 @@ def print_goals(groups: list[Group]) -> None:
 
 def main() -> None:
     page, images, results = Path(sys.argv[1]), Path(sys.argv[2]), sys.argv[3:]
-    groups = [read_group(Path(path)) for path in results]
+    groups = read_groups(results)
     drawing = shutil.which("gnuplot") is not None
     for old in images.glob("performance-*.svg"):
         old.unlink()

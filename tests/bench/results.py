@@ -31,21 +31,30 @@ def name_of(line: dict) -> str:
     return "/".join(line[key] for key in ("group", "case", "who", "quantity"))
 
 
-def read_group(path: Path) -> Group:
-    group = Group(path.stem)
-    for number, text in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
-        line = json.loads(text)
-        if "title" in line:
-            group.title = line["title"]
-        elif "note" in line:
-            group.notes.append(line["note"])
-        elif "plot" in line:
-            group.plots.append(line)
-        elif all(key in line for key in MEASURED):
-            group.lines.append(line)
-        else:
-            raise ValueError(f"{path}:{number}: neither a measurement nor a note")
-    return group
+def add(group: Group, line: dict) -> None:
+    if "title" in line:
+        group.title = line["title"]
+    elif "note" in line:
+        group.notes.append(line["note"])
+    elif "plot" in line:
+        group.plots.append(line)
+    elif all(key in line for key in MEASURED):
+        group.lines.append(line)
+    else:
+        raise ValueError("neither a measurement nor a note")
+
+
+def read_groups(paths: list[str]) -> list[Group]:
+    """The groups of all files, in the order in which they come."""
+    groups: dict[str, Group] = {}
+    for path in map(Path, paths):
+        for number, text in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+            try:
+                line = json.loads(text)
+                add(groups.setdefault(line["group"], Group(line["group"])), line)
+            except (ValueError, KeyError) as reason:
+                raise ValueError(f"{path}:{number}: {reason}") from reason
+    return list(groups.values())
 
 
 @dataclass

@@ -1,23 +1,52 @@
 #!/bin/bash
-# Run the benchmarks and print each number beside the one it is measured against.
-#   run.sh BIN_DIR
-# The programs' own reports are left beside BIN_DIR, as bench_rest.json, bench_import.json and, where
-# kt-dx-mqtt is built, bench_watch.json.
+# Run the benchmarks: each driver writes its group's results to build/bench/<group>.jsonl.
+#   run.sh BIN_DIR ARM_BIN_DIR          everything, and the page docs/performance.md with its plots
+#   run.sh --check BIN_DIR ARM_BIN_DIR  what is counted, held against baseline.json
+#   run.sh --store BIN_DIR ARM_BIN_DIR  the same, stored as the new baseline.json
+# BIN_DIR has the programs of the release preset, ARM_BIN_DIR those of the armhf preset. A group that
+# this machine cannot measure says why and is left out.
 set -euo pipefail
 
-[ $# = 1 ] || { echo "usage: run.sh BIN_DIR" >&2; exit 2; }
-bin=$(cd "$1" && pwd)
+how=page
+case ${1:-} in
+    --check | --store) how=${1#--}; shift ;;
+esac
+[ $# = 2 ] || { echo "usage: run.sh [--check | --store] BIN_DIR ARM_BIN_DIR" >&2; exit 2; }
+bin=$(realpath -- "$1") arm=$(realpath -m -- "$2")
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-out=$(dirname "$bin")
+repo=$(cd "$here/../.." && pwd)
+out=$repo/build/bench${how:+/$how}
+export PYTHONDONTWRITEBYTECODE=1 PATH=/usr/bin:$PATH
 
-programs=(bench_rest bench_import)
-[ ! -x "$bin/bench_watch" ] || programs+=(bench_watch)
-for program in "${programs[@]}"; do
-    echo "bench: $program"
-    "$bin/$program" --benchmark_repetitions=3 --benchmark_format=json \
-        >"$out/$program.json" 2>"$out/$program.log" || {
-        cat "$out/$program.log" >&2
-        exit 1
-    }
+counted=()
+[ $how = page ] || counted=(--check)
+
+rm -rf "$out"
+mkdir -p "$out"
+failed=0 results=()
+measure() { # NAME COMMAND...
+    local name=$1 status=0 file=$out/$1.jsonl
+    shift
+    echo "bench: $name"
+    "$@" --bin "$bin" --arm-bin "$arm" --out "$file" "${counted[@]}" >"$out/$name.log" 2>&1 ||
+        status=$?
+    case $status in
+        0) results+=("$file") ;;
+        77) tail -n 1 "$out/$name.log" ;;
+        *)
+            tail -n 40 "$out/$name.log" >&2
+            echo "bench: $name failed"
+            failed=1
+            ;;
+    esac
+}
+
+measure can "$here/arm_guest.sh" receive transmit recording idle
+for name in configuration rest footprint; do
+    measure $name "$here/$name.py"
 done
-/usr/bin/python3 "$here/table.py" "${programs[@]/#/$out/}"
+case $how in
+    page) python3 "$here/report.py" "$repo/docs/performance.md" "$repo/docs/images" "${results[@]}" ;;
+    *) python3 "$here/baseline.py" "$how" "$here/baseline.json" "${results[@]}" || failed=1 ;;
+esac
+exit $failed
