@@ -2,8 +2,10 @@
 
 #include <parson.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <jansson.h>
@@ -124,21 +126,32 @@ bool nesting_acceptable(const char *text) {
     return true;
 }
 
-void write_string(std::string &out, std::string_view text) {
+bool is_plain(char c) {
+    return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
+}
+
+void write_escaped(std::string &out, char c) {
     static constexpr char digits[] = "0123456789abcdef";
+    static constexpr std::string_view named = "\"\\\b\f\n\r\t";
+    static constexpr std::string_view names = "\"\\bfnrt";
+    out += '\\';
+    if (const size_t at = named.find(c); at != named.npos) {
+        out += names[at];
+    } else {
+        out += "u00";
+        out += digits[c >> 4];
+        out += digits[c & 15];
+    }
+}
+
+void write_string(std::string &out, std::string_view text) {
     out += '"';
-    for (const char c : text) {
-        static constexpr std::string_view plain = "\"\\\b\f\n\r\t";
-        static constexpr std::string_view escaped = "\"\\bfnrt";
-        if (const size_t at = plain.find(c); at != plain.npos) {
-            out += '\\';
-            out += escaped[at];
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            out += "\\u00";
-            out += digits[c >> 4];
-            out += digits[c & 15];
-        } else {
-            out += c;
+    for (auto at = text.begin(); at != text.end();) {
+        const auto end = std::find_if_not(at, text.end(), is_plain);
+        out.append(at, end);
+        at = end;
+        if (at != text.end()) {
+            write_escaped(out, *at++);
         }
     }
     out += '"';
@@ -146,7 +159,15 @@ void write_string(std::string &out, std::string_view text) {
 
 void write_number(std::string &out, double number) {
     char text[32];
-    // Shortest form alone would print 100000 as 1e+05.
+    constexpr double exact = 9007199254740992; // up to here every whole number is one
+    if (std::fabs(number) <= exact && !(number == 0 && std::signbit(number))) {
+        const auto whole = static_cast<int64_t>(number);
+        if (static_cast<double>(whole) == number) {
+            out.append(text, std::to_chars(text, std::end(text), whole).ptr);
+            return;
+        }
+    }
+    // Shortest form alone would print 1e+20.
     const bool whole = std::trunc(number) == number && std::fabs(number) < 1e21;
     const auto end = whole ? std::to_chars(text, std::end(text), number, std::chars_format::fixed)
                            : std::to_chars(text, std::end(text), number);
@@ -162,7 +183,9 @@ bool write_value(std::string &out, json_t *value, int depth) {
     case JSON_OBJECT:
         out += '{';
         for (void *at = json_object_iter(value); at; at = json_object_iter_next(value, at)) {
-            out += first ? "" : ",";
+            if (!first) {
+                out += ',';
+            }
             first = false;
             write_string(out, {json_object_iter_key(at), json_object_iter_key_len(at)});
             out += ':';
@@ -175,7 +198,9 @@ bool write_value(std::string &out, json_t *value, int depth) {
     case JSON_ARRAY:
         out += '[';
         for (size_t i = 0; i < json_array_size(value); ++i) {
-            out += i == 0 ? "" : ",";
+            if (i > 0) {
+                out += ',';
+            }
             if (!write_value(out, json_array_get(value, i), depth + 1)) {
                 return false;
             }
