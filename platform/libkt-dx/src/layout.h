@@ -19,9 +19,11 @@ inline constexpr uint32_t max_providers = 64;
 inline constexpr uint32_t group_slots = 64; // tags that share one change counter
 inline constexpr uint32_t group_count = max_tags / group_slots;
 inline constexpr uint32_t bucket_count = max_tags;
-inline constexpr uint32_t layout_version = 1;
+inline constexpr uint32_t layout_version = 2;
 inline constexpr uint32_t bitmap_words = DX_INDEX_COUNT / 32;
 inline constexpr uint32_t name_words = (DX_NAME_MAX + 3) / 4;
+inline constexpr uint32_t name_head_words = 16; // 64 bytes, which most names fit into
+inline constexpr uint32_t name_tail_words = name_words - name_head_words;
 inline constexpr uint32_t provider_name_max = 63;
 inline constexpr char store_magic[8] = {'K', 'T', 'D', 'X', 'T', 'A', 'G', 'S'};
 
@@ -86,8 +88,13 @@ struct alignas(64) tag_slot {
     std::atomic<uint8_t> mode;
 };
 
-struct tag_name {
-    std::atomic<uint32_t> words[name_words];
+struct name_head {
+    std::atomic<uint32_t> words[name_head_words];
+};
+
+/** What the head has no room for. Takes memory only where a name is that long. */
+struct name_tail {
+    std::atomic<uint32_t> words[name_tail_words];
 };
 
 struct store_layout {
@@ -95,7 +102,8 @@ struct store_layout {
     provider_slot providers[max_providers];
     std::atomic<uint16_t> buckets[bucket_count]; // slot + 1 of the first tag
     alignas(4096) tag_slot tags[max_tags];
-    alignas(4096) tag_name names[max_tags];
+    alignas(4096) name_head name_heads[max_tags];
+    alignas(4096) name_tail name_tails[max_tags];
 };
 
 static_assert(sizeof(tag_slot) == 64);

@@ -35,20 +35,26 @@ uint32_t bounded(const std::atomic<uint32_t> &slots) {
     return std::min(slots.load(std::memory_order_acquire), max_tags);
 }
 
+template <typename Map>
+auto &name_word(Map &map, uint32_t slot, size_t word) {
+    return word < name_head_words ? map.name_heads[slot].words[word]
+                                  : map.name_tails[slot].words[word - name_head_words];
+}
+
 // Every store of a field is a release and every load an acquire: a reader that sees something of
 // the next tag of a slot then also sees that the version has moved on.
-void store_name(tag_name &stored, std::string_view name) {
+void store_name(store_layout &map, uint32_t slot, std::string_view name) {
     for (size_t i = 0; i * 4 < name.size(); ++i) {
         uint32_t word = 0;
         memcpy(&word, name.data() + i * 4, std::min<size_t>(4, name.size() - i * 4));
-        stored.words[i].store(word, std::memory_order_release);
+        name_word(map, slot, i).store(word, std::memory_order_release);
     }
 }
 
 /** Room for length rounded up to 4. */
-void load_name(const tag_name &stored, size_t length, char *name) {
+void load_name(const store_layout &map, uint32_t slot, size_t length, char *name) {
     for (size_t i = 0; i * 4 < length; ++i) {
-        const uint32_t word = stored.words[i].load(std::memory_order_acquire);
+        const uint32_t word = name_word(map, slot, i).load(std::memory_order_acquire);
         memcpy(name + i * 4, &word, sizeof word);
     }
 }
@@ -58,7 +64,7 @@ bool name_equals(const store_layout &map, uint32_t slot, std::string_view name) 
     if (map.tags[slot].name_length.load(std::memory_order_acquire) != name.size()) {
         return false;
     }
-    load_name(map.names[slot], name.size(), stored);
+    load_name(map, slot, name.size(), stored);
     return memcmp(stored, name.data(), name.size()) == 0;
 }
 
@@ -156,12 +162,19 @@ bool reserve_slot(const store &opened, uint32_t slot) {
                        offsetof(store_layout, tags) + begin * sizeof(tag_slot),
                        count * sizeof(tag_slot)) != 0 ||
         reserve_memory(opened,
-                       offsetof(store_layout, names) + begin * sizeof(tag_name),
-                       count * sizeof(tag_name)) != 0) {
+                       offsetof(store_layout, name_heads) + begin * sizeof(name_head),
+                       count * sizeof(name_head)) != 0) {
         return false;
     }
     header.reserved_end.store(end, std::memory_order_release);
     return true;
+}
+
+bool reserve_name(const store &opened, uint32_t slot, size_t length) {
+    return length <= sizeof(name_head) ||
+           reserve_memory(opened,
+                          offsetof(store_layout, name_tails) + slot * sizeof(name_tail),
+                          sizeof(name_tail)) == 0;
 }
 
 uint32_t free_slot_from(const store &opened, uint32_t first) {
@@ -196,7 +209,7 @@ void fill_slot(store_layout &map, uint32_t slot, const tag_request &request) {
     tag.provider.store(static_cast<uint8_t>(request.provider), release);
     tag.size.store(request.size, release);
     tag.mode.store(request.mode, release);
-    store_name(map.names[slot], request.name);
+    store_name(map, slot, request.name);
 }
 
 void lower_slot_end(store_layout &map) {
@@ -231,7 +244,7 @@ bool read_record(const store_layout &map, uint32_t slot, tag_record &record) {
         const bool good = plausible(record);
         if (good) {
             char name[name_words * 4];
-            load_name(map.names[slot], record.name_length, name);
+            load_name(map, slot, record.name_length, name);
             memcpy(record.name, name, record.name_length);
             record.name[record.name_length] = '\0';
         }
@@ -280,7 +293,7 @@ uint32_t find_tag(const store &opened, std::string_view name) {
 uint32_t add_tag(const store &opened, const tag_request &request) {
     store_layout &map = *opened.map;
     const uint32_t slot = find_free_slot(opened);
-    if (slot == no_slot) {
+    if (slot == no_slot || !reserve_name(opened, slot, request.name.size())) {
         return no_slot;
     }
     const index_change change(map.header);

@@ -71,7 +71,7 @@ TEST_F(dx_damage, every_header_field_is_checked) {
     } fields[] = {
         {offsetof(store_identity, magic), "not a tag store (bad magic)\n"},
         {offsetof(store_identity, magic) + 7, "not a tag store (bad magic)\n"},
-        {offsetof(store_identity, layout), "made by another version (layout 0, not 1)\n"},
+        {offsetof(store_identity, layout), "made by another version (layout 3, not 2)\n"},
         {offsetof(store_identity, abi), "made by a build for another processor or C library\n"},
         {offsetof(store_identity, total_bytes), "damaged (bad header checksum)\n"},
         {offsetof(store_identity, tags), "damaged (bad header checksum)\n"},
@@ -248,7 +248,8 @@ constexpr span touched[] = {
     {offsetof(store_layout, buckets), sizeof(store_layout::buckets)},
     {offsetof(store_layout, tags), 100 * sizeof(kt_dx::tag_slot)},
     {offsetof(store_layout, tags), 100 * sizeof(kt_dx::tag_slot)},
-    {offsetof(store_layout, names), 100 * sizeof(kt_dx::tag_name)},
+    {offsetof(store_layout, name_heads), 100 * sizeof(kt_dx::name_head)},
+    {offsetof(store_layout, name_tails), 100 * sizeof(kt_dx::name_tail)},
 };
 
 void damage(store_layout &map, std::mt19937 &random) {

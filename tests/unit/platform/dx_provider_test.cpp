@@ -111,6 +111,19 @@ TEST_F(dx_provider, refuses_impossible_tags) {
     EXPECT_EQ(find(open_client(), "width of its type").size, 4U);
 }
 
+TEST_F(dx_provider, names_of_every_length_come_back) {
+    const handle_ptr handle = new_provider();
+    const client_ptr client = open_client();
+    for (size_t length = 1; length <= DX_NAME_MAX; ++length) {
+        std::string name(length, 'n');
+        for (size_t i = 0; i < length; ++i) {
+            name[i] = static_cast<char>('a' + (length + i) % 26);
+        }
+        ASSERT_NE(add(handle, name), nullptr) << length;
+        EXPECT_EQ(find(client, name).name, name);
+    }
+}
+
 TEST_F(dx_provider, value_starts_as_zero_also_where_another_tag_was) {
     const handle_ptr handle = new_provider();
     dx_tag *first = add(handle, "first");
