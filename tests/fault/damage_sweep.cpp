@@ -34,7 +34,8 @@ namespace {
 
 enum outcome { SERVED, ERRORS, REBUILT, REFUSED, outcome_count };
 constexpr std::array outcome_names = {"served", "errors", "rebuilt", "refused"};
-constexpr int restless = 51; /* it starts anew and anew */
+constexpr int restless = 51;      /* it starts anew and anew */
+constexpr int first_outcome = 60; /* a sanitizer ends the process with a small one */
 constexpr int most_passes = 5;
 
 struct options {
@@ -239,15 +240,16 @@ private:
         expect(child >= 0, "fork fails");
         if (child == 0) {
             (void)alarm(60); // a hang
-            _exit(serve(random));
+            _exit(first_outcome + serve(random));
         }
         int status = 0;
         (void)waitpid(child, &status, 0); // our child
         expect(!WIFSIGNALED(status) || WTERMSIG(status) != SIGALRM, "hangs");
         expect(!WIFSIGNALED(status), "signal " + std::to_string(WTERMSIG(status)));
-        const int code = WEXITSTATUS(status);
+        const int code = WEXITSTATUS(status) - first_outcome;
         expect(code != restless, "starts anew and anew");
-        expect(code >= 0 && code < outcome_count, "exit status " + std::to_string(code));
+        expect(code >= 0 && code < outcome_count,
+               "exit status " + std::to_string(WEXITSTATUS(status)));
         expect_others_untouched(shipped);
         expect_mendable(rooted_path("/read.db"));
         return static_cast<unsigned>(code);
