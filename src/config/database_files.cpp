@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -69,8 +70,10 @@ int create_default_db(schema_copy copy) {
     make_folder(data_folder);
     const std::string shipped = shipped_schema_path();
     size_t length = 0;
-    const heap_ptr<char> schema(get_file_contents(shipped.c_str(), &length));
-    if (schema == nullptr) {
+    bool is_cut = false;
+    const heap_ptr<char> schema(get_file_contents(shipped.c_str(), &length, &is_cut));
+    // Tables that half a schema lacks would be missed by every start to come.
+    if (schema == nullptr || is_cut) {
         log_error("can not read  %s db schema\n", shipped.c_str());
         return -1;
     }
@@ -183,6 +186,10 @@ int create_persistent_db() {
 
 int copy_persistent_db_to_ram() {
     make_folder(working_folder);
+    // A copy makes a source that is not there, and the next start would take it for the rows.
+    if (access(persistent_db_path().c_str(), F_OK) != 0) {
+        return -1;
+    }
     return db_copy(working_db_path().c_str(), persistent_db_path().c_str());
 }
 

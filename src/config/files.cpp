@@ -40,7 +40,7 @@ bool file_exists(const std::string &path) {
     return access(path.c_str(), F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
-char *get_file_contents(const char *path, size_t *length) {
+char *get_file_contents(const char *path, size_t *length, bool *is_cut) {
     const file_ptr file(fopen(path, "re"));
     if (file == nullptr) {
         log_error("Fail to open %s, Error : %s\n", path, strerror(errno));
@@ -59,8 +59,12 @@ char *get_file_contents(const char *path, size_t *length) {
     }
     *length = fread(text, 1, static_cast<size_t>(size), file.get());
     text[*length] = '\0';
-    if (*length == 0 || ferror(file.get()) != 0) {
+    const bool failed = ferror(file.get()) != 0;
+    if (*length == 0 || failed) {
         log_error("Fail to read schema. %s\n", path);
+    }
+    if (is_cut != nullptr) {
+        *is_cut = failed;
     }
     return text;
 }

@@ -28,8 +28,9 @@ bool file_exists(const std::string &path);
  * A file that yields nothing is logged and still returned, empty.
  *
  * @param[out] length  bytes read, without the terminator
+ * @param[out] is_cut  whether reading failed on the way, and the text may be half of the file's
  * @return heap text with a terminator, for the caller to free(); nullptr on failure (logged)
  */
-char *get_file_contents(const char *path, size_t *length);
+char *get_file_contents(const char *path, size_t *length, bool *is_cut = nullptr);
 
 #endif

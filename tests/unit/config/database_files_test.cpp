@@ -1,5 +1,6 @@
 #include "config_fixture.h"
 #include "fake_stat.h"
+#include "read_fault.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -107,6 +108,26 @@ TEST_F(first_start, empty_schema_gives_no_port_rows_and_stops_it) {
         ElementsAre("get_file_contents|Fail to read schema. " + shipped_schema_path() + "\n"));
     EXPECT_FALSE(exists(persistent_db_path()));
     EXPECT_FALSE(exists(persistent_db_path() + ".new"));
+}
+
+TEST_F(first_start, schema_that_is_read_in_part_stops_it_and_leaves_nothing) {
+    g_read_fault.next_read = true;
+    EXPECT_THAT(
+        failing_start(),
+        ElementsAre("get_file_contents|Fail to read schema. " + shipped_schema_path() + "\n",
+                    "create_default_db|can not read  " + shipped_schema_path() + " db schema\n"));
+    EXPECT_THAT(files(), IsEmpty());
+    EXPECT_THAT(messages_of([] { start(); }), IsEmpty());
+    EXPECT_EQ(files(), files_of_a_started_gateway());
+}
+
+TEST_F(first_start, persistent_database_that_cannot_be_looked_for_is_not_made_without_tables) {
+    g_read_fault.looked_for = persistent_db_path();
+    EXPECT_THAT(failing_start(),
+                ElementsAre(init + std::string("Copy can_proprietary config DB fail!\n")));
+    EXPECT_FALSE(exists(persistent_db_path()));
+    EXPECT_THAT(messages_of([] { start(); }), IsEmpty());
+    EXPECT_EQ(rows_of(working_db_path(), "SELECT count(*) FROM interface_setting"), "2");
 }
 
 TEST_F(first_start, default_folder_that_cannot_be_made_stops_it) {
