@@ -20,10 +20,9 @@ int __wrap_access(const char *path, int mode) {
 }
 
 size_t __wrap_fread(void *to, size_t size, size_t number, FILE *file) {
-    if (!g_read_fault.next_read) {
+    if (g_read_fault.read == 0 || --g_read_fault.read > 0) {
         return __real_fread(to, size, number, file);
     }
-    g_read_fault.next_read = false;
     const size_t got = __real_fread(to, size, number / 2, file);
     (void)fputc('x', file); // refused, and the stream keeps the error
     errno = EIO;

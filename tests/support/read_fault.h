@@ -8,7 +8,7 @@
 
 struct read_fault {
     std::string looked_for; /* the path whose next access() fails */
-    bool next_read = false; /* the next fread() gets half of what there is and fails then */
+    int read = 0;           /* the fread() that gets half and fails then: 1 the next, 0 none */
 };
 
 extern read_fault g_read_fault;

@@ -111,7 +111,7 @@ TEST_F(first_start, empty_schema_gives_no_port_rows_and_stops_it) {
 }
 
 TEST_F(first_start, schema_that_is_read_in_part_stops_it_and_leaves_nothing) {
-    g_read_fault.next_read = true;
+    g_read_fault.read = 1;
     EXPECT_THAT(
         failing_start(),
         ElementsAre("get_file_contents|Fail to read schema. " + shipped_schema_path() + "\n",

@@ -1,6 +1,7 @@
 #include "config/read.h"
 #include "config_fixture.h"
 #include "crash_point.h"
+#include "read_fault.h"
 
 namespace {
 
@@ -111,6 +112,18 @@ TEST_F(migration, vanished_shipped_schema_fails_and_changes_nothing) {
     ship(schema());
     start();
     EXPECT_EQ(devices(persistent_db_path()), "7|2|seven 9|1|nine");
+}
+
+TEST_F(migration, schema_that_is_read_in_part_costs_no_rows) {
+    ship(changed_schema());
+    g_read_fault.read = 3; // behind the comparison of both
+    EXPECT_THAT(
+        failing_start(),
+        ElementsAre("get_file_contents|Fail to read schema. " + shipped_schema_path() + "\n",
+                    "create_default_db|can not read  " + shipped_schema_path() + " db schema\n"));
+    expect_old_databases_whole();
+    start();
+    expect_migrated();
 }
 
 TEST_F(migration, vanished_saved_schema_stops_every_start_and_removes_nothing) {
