@@ -122,7 +122,7 @@ def in_bus_world(options: argparse.Namespace) -> None:
     up = ('for port in can0 can1; do ip link set "$port" type can bitrate 1000000 && '
           'ip link set up "$port" || exit 1; done; exec "$@"')
     os.execve(softcan, [str(softcan), "run", "--ports", "can0,can1", "--", "/bin/bash", "-c", up,
-                        "-", sys.executable, *sys.argv], variables)
+                        "-", "/usr/bin/python3", *sys.argv], variables)
 
 
 def threads(process: int) -> dict[str, int]:
