@@ -1,5 +1,6 @@
 #include "injection.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -110,13 +111,22 @@ uint32_t injection::activity() {
     return all_activity.load();
 }
 
+/** Interruptions end some time. */
+uint32_t injection::length_of(const plan &what) {
+    constexpr uint32_t interruptions = 16;
+    if (!what.lasting) {
+        return 1;
+    }
+    return what.what == fault::CALL_FAILS && what.error == EINTR ? interruptions : UINT32_MAX;
+}
+
 bool injection::happens_now(fault what) {
     all_activity.fetch_add(1, std::memory_order_relaxed);
     if (!is_armed.load() || planned.what != what) {
         return false;
     }
     const uint32_t number = occasions.fetch_add(1) + 1;
-    if (planned.nth == 0 || number < planned.nth || (number > planned.nth && !planned.lasting)) {
+    if (planned.nth == 0 || number < planned.nth || number - planned.nth >= length_of(planned)) {
         return false;
     }
     if (!has_happened.exchange(true) && is_telling()) {

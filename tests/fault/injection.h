@@ -19,10 +19,13 @@ enum class fault : uint8_t { NO_MEMORY, CALL_FAILS, CALL_IS_SHORT };
 
 struct plan {
     fault what = fault::NO_MEMORY;
-    int error = 0; /* errno of CALL_FAILS */
-    bool lasting = false;
-    uint32_t nth = 0; /* 1 is the next one, 0 none */
+    int error = 0;        /* errno of CALL_FAILS */
+    bool lasting = false; /* from the n-th on; see length_of() */
+    uint32_t nth = 0;     /* 1 is the next one, 0 none */
 };
+
+/** Occasions in a row that are met. */
+uint32_t length_of(const plan &what);
 
 /** Count from now on, and let the planned fault happen. */
 void arm(const plan &what);

@@ -67,8 +67,10 @@ bool may_be_done(const http_request &request, const http_answer &answer) {
         return true;
     }
     // Of a commit, when the system fails to give a lock back behind it, and of an apply, when it
-    // fails to tell the time of the copied file.
+    // fails to tell the time of the copied file. The deletion of a device is its own commit, and
+    // calls every failure invalid parameters.
     return has_code(answer, -8) || (request.path == "/config-file" && has_code(answer, -13)) ||
+           (is_delete_device(request) && has_code(answer, -1)) ||
            ((request.path == "/action" || request.path == "/config-file" ||
              is_delete_device(request)) &&
             has_code(answer, -4));
@@ -106,8 +108,20 @@ void judge(const scenario &scenario,
     }
 }
 
+/** The state in which the request is made; repeated, it is the same again. */
+void play_prelude(const scenario &scenario, const attempt &attempt, outcome &out) {
+    if (scenario.prelude == nullptr) {
+        return;
+    }
+    const http_answer answer = ask(attempt.root, {"POST", "/traffic/1", scenario.prelude});
+    if (answer.status != 201) {
+        find(out, "before it: " + shown(answer));
+    }
+}
+
 void try_again(const scenario &scenario, const attempt &attempt, outcome &out) {
     restore(attempt);
+    play_prelude(scenario, attempt, out);
     const http_answer answer = ask(attempt.root, scenario.request);
     const std::string rows = scene::content(attempt.root);
     if (answer.status != scenario.status || rows != attempt.new_rows) {
@@ -148,6 +162,7 @@ void run_request(const scenario &scenario, const attempt &attempt, outcome &out)
         find(out, "the server does not start");
         return;
     }
+    play_prelude(scenario, attempt, out);
     (void)settle();
     const int64_t live = heap::live();
     const int descriptors = open_descriptors();
@@ -168,6 +183,7 @@ void run_request(const scenario &scenario, const attempt &attempt, outcome &out)
     }
     if (!attempt.new_rows.empty()) {
         try_again(scenario, attempt, out);
+        play_prelude(scenario, attempt, out);
     }
     (void)settle();
     check_left("blocks", live, heap::live(), out);

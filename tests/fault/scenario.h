@@ -19,7 +19,7 @@ enum class verdict : uint8_t {
     FINDING
 };
 
-constexpr size_t content_max = 32768;
+constexpr size_t content_max = 131072;
 
 /** What a process tells about its attempt, in memory that it shares with the sweep. */
 struct outcome {
@@ -47,7 +47,9 @@ struct scenario {
     bool is_warm; /* libraries have been in use before */
     void (*run)(const scenario &scenario, const attempt &attempt, outcome &out);
     http_request request = {"GET", "/overview"};
-    int status = 200; /* of its success */
+    int status = 200;              /* of its success */
+    const char *prelude = nullptr; /* body of POST /traffic/1 before it */
+    bool has_absent_port = false;  /* beside the one that there is */
 };
 
 std::span<const scenario> all_scenarios();
@@ -59,6 +61,7 @@ void run_request(const scenario &scenario, const attempt &attempt, outcome &out)
 void run_start(const scenario &scenario, const attempt &attempt, outcome &out);
 void run_frame(const scenario &scenario, const attempt &attempt, outcome &out);
 void run_tag_write(const scenario &scenario, const attempt &attempt, outcome &out);
+void run_stop(const scenario &scenario, const attempt &attempt, outcome &out);
 void run_service_request(const scenario &scenario, const attempt &attempt, outcome &out);
 void run_load(const scenario &scenario, const attempt &attempt, outcome &out);
 

@@ -19,7 +19,6 @@ constexpr const char *transaction =
     R"("cyclicInterval":100,"fpFunc":2,"fpTimeout":500,"triggerByRTR":false)";
 
 constexpr const char *file =
-    "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"c.csv\"\r\n\r\n"
     "[interface-setting]\n"
     "portId,frameFormat,baudrate,initialDelay,busOffReset,resistor\n1,0,5,0,0,1\n\n"
     "[device]\ndeviceId,portId,deviceName\n7,1,robot\n\n"
@@ -32,7 +31,15 @@ constexpr const char *file =
     "blockId,frameId,blockType,startOffset,tagName,tagType,tagSize,access,swap,fpData,"
     "scalingFunc,interceptSlope,interceptOffset,pointSourceMin,pointSourceMax,pointTargetMin,"
     "pointTargetMax,constantName,constantSize,constantValue\n"
-    "2,2,0,0,load,6,2,ro,0,,2,,,0,100,0,1,,,\n\r\n--b--\r\n";
+    "2,2,0,0,load,6,2,ro,0,,2,,,0,100,0,1,,,\n";
+
+http_request upload(const std::string &text) {
+    return {"POST",
+            "/config-file",
+            "--b\r\nContent-Disposition: form-data; name=\"file\"; filename=\"c.csv\"\r\n\r\n" +
+                text + "\r\n--b--\r\n",
+            "multipart/form-data; boundary=b"};
+}
 
 std::string object(std::initializer_list<std::string> members) {
     std::string text = "{";
@@ -42,18 +49,33 @@ std::string object(std::initializer_list<std::string> members) {
     return text + "}";
 }
 
-scenario
-change(const char *name, const char *method, const char *path, std::string body, int status) {
+scenario change(const char *name,
+                const char *method,
+                const char *path,
+                std::string body,
+                int status,
+                const char *prelude = nullptr) {
     return {name,
             scene::kind::EDITED,
             true,
             run_request,
             {method, path, std::move(body), "application/json"},
-            status};
+            status,
+            prelude};
 }
 
-scenario read(const char *name, const char *path) {
-    return {name, scene::kind::EDITED, true, run_request, {"GET", path}, 200};
+scenario
+large_change(const char *name, const char *method, const char *path, std::string body, int status) {
+    scenario made = change(name, method, path, std::move(body), status);
+    made.gateway = scene::kind::LARGE;
+    return made;
+}
+
+scenario read(const char *name,
+              const char *path,
+              scene::kind gateway = scene::kind::EDITED,
+              const char *prelude = nullptr) {
+    return {name, gateway, true, run_request, {"GET", path}, 200, prelude};
 }
 
 const std::string tree = object({transaction, frames});
@@ -63,7 +85,15 @@ const std::array scenarios = {
     scenario{"start_booted", scene::kind::BOOTED, false, run_start},
     scenario{"start_again", scene::kind::EDITED, false, run_start},
     scenario{"start_migrating", scene::kind::OUTDATED, false, run_start},
+    scenario{"start_large", scene::kind::LARGE, false, run_start},
+    scenario{.name = "start_two_ports",
+             .gateway = scene::kind::EDITED,
+             .is_warm = false,
+             .run = run_start,
+             .has_absent_port = true},
+    scenario{"stop", scene::kind::EDITED, false, run_stop},
     scenario{"load_port", scene::kind::EDITED, true, run_load},
+    scenario{"load_large", scene::kind::LARGE, true, run_load},
     change("post_device",
            "POST",
            "/device",
@@ -87,18 +117,33 @@ const std::array scenarios = {
     change("apply", "POST", "/action", R"({"option":0})", 201),
     change("discard", "POST", "/action", R"({"option":1})", 201),
     change("record", "POST", "/traffic/1", R"({"option":1})", 201),
-    scenario{"import",
-             scene::kind::EDITED,
-             true,
-             run_request,
-             {"POST", "/config-file", file, "multipart/form-data; boundary=b"},
-             201},
+    change("record_again", "POST", "/traffic/1", R"({"option":1})", 201, R"({"option":1})"),
+    change("record_stop", "POST", "/traffic/1", R"({"option":0})", 201, R"({"option":1})"),
+    scenario{"import", scene::kind::EDITED, true, run_request, upload(file), 201},
+    scenario{
+        "import_large", scene::kind::EDITED, true, run_request, upload(scene::large_file()), 201},
     read("export", "/config-file"),
+    read("export_large", "/config-file", scene::kind::LARGE),
+    large_change("apply_large", "POST", "/action", R"({"option":0})", 201),
+    large_change("discard_large", "POST", "/action", R"({"option":1})", 201),
+    large_change("delete_large", "DELETE", "/device/1", "", 204),
+    read("get_interface", "/interface?portId=1"),
+    read("get_config_change", "/config-change"),
+    read("get_used_ids", "/usedCANIds?portId=1"),
+    read("get_traffic", "/traffic/1", scene::kind::EDITED, R"({"option":1})"),
+    read("export_traffic", "/traffic-export/1", scene::kind::EDITED, R"({"option":1})"),
     read("get_device", "/device?deviceId=1"),
     read("get_overview", "/overview"),
     read("get_diagnose", "/diagnose?portId=1"),
     scenario{"frame", scene::kind::BOOTED, false, run_frame},
     scenario{"tag_write", scene::kind::BOOTED, false, run_tag_write},
+    scenario{"service_apply",
+             scene::kind::EDITED,
+             false,
+             run_service_request,
+             {"POST", "/action", R"({"option":0})"},
+             201},
+    scenario{"service_import", scene::kind::EDITED, false, run_service_request, upload(file), 201},
 };
 
 } // namespace

@@ -17,24 +17,31 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char *applied =
+constexpr const char *interface_section =
     "[interface-setting]\n"
     "portId,frameFormat,baudrate,initialDelay,busOffReset,resistor\n"
-    "1,0,3,0,0,0\n\n"
-    "[device]\ndeviceId,portId,deviceName\n1,1,drive\n2,1,pump\n\n"
-    "[transactions]\n"
+    "1,0,3,0,0,0\n\n";
+constexpr const char *device_head = "[device]\ndeviceId,portId,deviceName\n";
+constexpr const char *transaction_head =
+    "\n[transactions]\n"
     "transactionId,deviceId,transactionEnable,transactionName,transactionType,triggerMode,"
     "cyclicInterval,fpFunc,fpTimeout,triggerByRTR,consumeToutEnable,consumeTimeout,timeoutRetry,"
-    "responseTimeout\n"
-    "1,1,1,send,0,1,,0,,1,,,,\n2,1,1,state,1,,,,,,0,,,\n3,2,1,ask,2,1,,0,,,,,0,50\n\n"
-    "[frame]\nframeId,transactionId,canId,dataLength,frameType\n"
-    "1,1,201,8,0\n2,2,181,8,1\n3,3,601,8,2\n4,3,581,8,3\n\n"
-    "[block]\n"
+    "responseTimeout\n";
+constexpr const char *frame_head = "\n[frame]\nframeId,transactionId,canId,dataLength,frameType\n";
+constexpr const char *block_head =
+    "\n[block]\n"
     "blockId,frameId,blockType,startOffset,tagName,tagType,tagSize,access,swap,fpData,"
     "scalingFunc,interceptSlope,interceptOffset,pointSourceMin,pointSourceMax,pointTargetMin,"
-    "pointTargetMax,constantName,constantSize,constantValue\n"
-    "1,1,0,0,speed,6,2,wo,0,,0,,,,,,,,,\n2,2,0,0,load,6,2,ro,0,,0,,,,,,,,,\n"
-    "3,3,1,0,,,,,,,,,,,,,,code,2,40A0\n4,4,0,4,value,7,4,ro,1,,0,,,,,,,,,\n";
+    "pointTargetMax,constantName,constantSize,constantValue\n";
+
+std::string small_file() {
+    return std::string(interface_section) + device_head + "1,1,drive\n2,1,pump\n" +
+           transaction_head +
+           "1,1,1,send,0,1,,0,,1,,,,\n2,1,1,state,1,,,,,,0,,,\n3,2,1,ask,2,1,,0,,,,,0,50\n" +
+           frame_head + "1,1,201,8,0\n2,2,181,8,1\n3,3,601,8,2\n4,3,581,8,3\n" + block_head +
+           "1,1,0,0,speed,6,2,wo,0,,0,,,,,,,,,\n2,2,0,0,load,6,2,ro,0,,0,,,,,,,,,\n"
+           "3,3,1,0,,,,,,,,,,,,,,code,2,40A0\n4,4,0,4,value,7,4,ro,1,,0,,,,,,,,,\n";
+}
 
 void must(bool holds, const char *what) {
     if (!holds) {
@@ -56,9 +63,9 @@ void execute(const std::string &path, const char *sql) {
     (void)sqlite3_close(opened);
 }
 
-void import_applied(const std::string &root) {
+void import_applied(const std::string &root, const std::string &text) {
     const std::string file = root + "/import.csv";
-    write_file(file, applied);
+    write_file(file, text.c_str());
     conf_import_error error{};
     must(can_proprietary_conf_import(file.c_str(), &error) == 0, error.key);
     must(can_proprietary_conf_apply() == 0, "apply");
@@ -82,7 +89,7 @@ void make_here(scene::kind which, const std::string &root) {
         return;
     }
     must(can_proprietary_db_init_user_config() == 0, "databases");
-    import_applied(root);
+    import_applied(root, which == scene::kind::LARGE ? scene::large_file() : small_file());
     if (which == scene::kind::BOOTED) {
         fs::remove_all(root + "/run");
         return;
@@ -128,6 +135,27 @@ std::string rows_of(const std::string &path) {
 }
 
 } // namespace
+
+std::string scene::large_file() {
+    constexpr int devices = 60;
+    std::string sections[] = {device_head, transaction_head, frame_head, block_head};
+    const auto add = [&](size_t section, const std::string &row) {
+        sections[section] += row + "\n";
+    };
+    for (int i = 1; i <= devices; i++) {
+        const std::string device = std::to_string(i);
+        const std::string produce = std::to_string(2 * i - 1);
+        const std::string consume = std::to_string(2 * i);
+        add(0, device + ",1,unit" + device);
+        add(1, produce + "," + device + ",1,send,0,1,,0,,1,,,,");
+        add(1, consume + "," + device + ",1,state,1,,,,,,1,500,,");
+        add(2, produce + "," + produce + "," + std::to_string(100 + i) + ",8,0");
+        add(2, consume + "," + consume + "," + std::to_string(200 + i) + ",8,1");
+        add(3, produce + "," + produce + ",0,0,speed,6,2,wo,0,,0,,,,,,,,,");
+        add(3, consume + "," + consume + ",0,0,load,6,2,ro,0,,0,,,,,,,,,");
+    }
+    return interface_section + sections[0] + sections[1] + sections[2] + sections[3];
+}
 
 std::string scene::make_folder() {
     const char *folder = getenv("TMPDIR");

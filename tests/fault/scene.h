@@ -10,11 +10,15 @@
 namespace scene {
 
 enum class kind {
-    EMPTY,   /* only what is installed */
-    BOOTED,  /* applied configuration, nothing in /run */
-    EDITED,  /* and a working copy with edits that are not applied */
-    OUTDATED /* and another schema than the one installed, half a migration beside it */
+    EMPTY,    /* only what is installed */
+    BOOTED,   /* applied configuration, nothing in /run */
+    EDITED,   /* and a working copy with edits that are not applied */
+    OUTDATED, /* and another schema than the one installed, half a migration beside it */
+    LARGE     /* an edited one with sixty devices */
 };
+
+/** A configuration file with sixty devices. */
+std::string large_file();
 
 /** A folder in memory, where there is one, for everything; goes with clear(). */
 std::string make_folder();

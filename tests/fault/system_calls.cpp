@@ -32,7 +32,8 @@ enum suits : uint8_t {
     ROOM = 2,   /* ENOSPC, on files alone */
     SIGNAL = 4, /* EINTR, on anything but files */
     LIMIT = 8,  /* EMFILE */
-    SHORT = 16  /* fewer bytes, on files and streams */
+    SHORT = 16, /* fewer bytes, on files and streams */
+    DISK = 32   /* EIO from then on: the disk is broken, sockets go on */
 };
 
 struct call_rule {
@@ -41,50 +42,50 @@ struct call_rule {
 };
 
 constexpr std::array rules = {
-    call_rule{SYS_read, IO | SIGNAL | SHORT},
-    call_rule{SYS_readv, IO | SIGNAL | SHORT},
-    call_rule{SYS_pread64, IO | SHORT},
+    call_rule{SYS_read, IO | DISK | SIGNAL | SHORT},
+    call_rule{SYS_readv, IO | DISK | SIGNAL | SHORT},
+    call_rule{SYS_pread64, IO | DISK | SHORT},
     call_rule{SYS_recvfrom, IO | SIGNAL | SHORT},
     call_rule{SYS_recvmsg, IO | SIGNAL},
-    call_rule{SYS_write, IO | ROOM | SIGNAL | SHORT},
-    call_rule{SYS_writev, IO | ROOM | SIGNAL},
-    call_rule{SYS_pwrite64, IO | ROOM | SHORT},
+    call_rule{SYS_write, IO | DISK | ROOM | SIGNAL | SHORT},
+    call_rule{SYS_writev, IO | DISK | ROOM | SIGNAL},
+    call_rule{SYS_pwrite64, IO | DISK | ROOM | SHORT},
     call_rule{SYS_sendto, IO | SIGNAL | SHORT},
     call_rule{SYS_sendmsg, IO | SIGNAL},
-    call_rule{SYS_open, IO | ROOM | LIMIT},
-    call_rule{SYS_openat, IO | ROOM | LIMIT},
+    call_rule{SYS_open, IO | DISK | ROOM | LIMIT},
+    call_rule{SYS_openat, IO | DISK | ROOM | LIMIT},
     call_rule{SYS_close, IO},
-    call_rule{SYS_fsync, IO | ROOM},
-    call_rule{SYS_fdatasync, IO | ROOM},
-    call_rule{SYS_ftruncate, IO | ROOM},
-    call_rule{SYS_fallocate, IO | ROOM},
-    call_rule{SYS_rename, IO | ROOM},
-    call_rule{SYS_renameat, IO | ROOM},
-    call_rule{SYS_renameat2, IO | ROOM},
-    call_rule{SYS_unlink, IO},
-    call_rule{SYS_unlinkat, IO},
-    call_rule{SYS_rmdir, IO},
-    call_rule{SYS_mkdir, IO | ROOM},
-    call_rule{SYS_mkdirat, IO | ROOM},
-    call_rule{SYS_link, IO | ROOM},
-    call_rule{SYS_symlink, IO | ROOM},
-    call_rule{SYS_stat, IO},
-    call_rule{SYS_fstat, IO},
-    call_rule{SYS_lstat, IO},
-    call_rule{SYS_newfstatat, IO},
-    call_rule{SYS_statx, IO},
-    call_rule{SYS_access, IO},
-    call_rule{SYS_faccessat, IO},
-    call_rule{SYS_faccessat2, IO},
-    call_rule{SYS_readlink, IO},
-    call_rule{SYS_getdents64, IO},
-    call_rule{SYS_chmod, IO},
-    call_rule{SYS_fchmod, IO},
-    call_rule{SYS_chown, IO},
-    call_rule{SYS_fchown, IO},
+    call_rule{SYS_fsync, IO | DISK | ROOM},
+    call_rule{SYS_fdatasync, IO | DISK | ROOM},
+    call_rule{SYS_ftruncate, IO | DISK | ROOM},
+    call_rule{SYS_fallocate, IO | DISK | ROOM},
+    call_rule{SYS_rename, IO | DISK | ROOM},
+    call_rule{SYS_renameat, IO | DISK | ROOM},
+    call_rule{SYS_renameat2, IO | DISK | ROOM},
+    call_rule{SYS_unlink, IO | DISK},
+    call_rule{SYS_unlinkat, IO | DISK},
+    call_rule{SYS_rmdir, IO | DISK},
+    call_rule{SYS_mkdir, IO | DISK | ROOM},
+    call_rule{SYS_mkdirat, IO | DISK | ROOM},
+    call_rule{SYS_link, IO | DISK | ROOM},
+    call_rule{SYS_symlink, IO | DISK | ROOM},
+    call_rule{SYS_stat, IO | DISK},
+    call_rule{SYS_fstat, IO | DISK},
+    call_rule{SYS_lstat, IO | DISK},
+    call_rule{SYS_newfstatat, IO | DISK},
+    call_rule{SYS_statx, IO | DISK},
+    call_rule{SYS_access, IO | DISK},
+    call_rule{SYS_faccessat, IO | DISK},
+    call_rule{SYS_faccessat2, IO | DISK},
+    call_rule{SYS_readlink, IO | DISK},
+    call_rule{SYS_getdents64, IO | DISK},
+    call_rule{SYS_chmod, IO | DISK},
+    call_rule{SYS_fchmod, IO | DISK},
+    call_rule{SYS_chown, IO | DISK},
+    call_rule{SYS_fchown, IO | DISK},
     call_rule{SYS_fcntl, IO | SIGNAL | LIMIT},
     call_rule{SYS_flock, IO | SIGNAL},
-    call_rule{SYS_mmap, IO},
+    call_rule{SYS_mmap, IO | DISK},
     call_rule{SYS_socket, IO | LIMIT},
     call_rule{SYS_socketpair, IO | LIMIT},
     call_rule{SYS_bind, IO},
@@ -224,9 +225,9 @@ unsigned narrowed_to_descriptor(const call &made, unsigned suits) {
     case descriptor::FILE:
         return suits & ~unsigned{SIGNAL};
     case descriptor::STREAM:
-        return suits & ~unsigned{ROOM};
+        return suits & ~unsigned{ROOM | DISK};
     default:
-        return suits & ~unsigned{ROOM | SHORT};
+        return suits & ~unsigned{ROOM | SHORT | DISK};
     }
 }
 
@@ -287,13 +288,13 @@ unsigned suit_of(const injection::plan &plan) {
     case EMFILE:
         return LIMIT;
     default:
-        return IO;
+        return plan.lasting ? DISK : IO;
     }
 }
 
 long fail(const call &made) {
-    if (made.number == SYS_close) {
-        (void)make(made); // the descriptor is gone whatever close() says
+    if (made.number == SYS_close || made.number == SYS_shutdown) {
+        (void)make(made); // whatever they say, the descriptor is gone, who waits is woken
     }
     return -injection::current().error;
 }
