@@ -10,6 +10,7 @@
 #include <fstream>
 #include <memory>
 #include <sqlite3.h>
+#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -139,20 +140,23 @@ std::string rows_of(const std::string &path) {
 std::string scene::large_file() {
     constexpr int devices = 60;
     std::string sections[] = {device_head, transaction_head, frame_head, block_head};
-    const auto add = [&](size_t section, const std::string &row) {
-        sections[section] += row + "\n";
+    const auto add = [&](size_t section, std::initializer_list<std::string_view> parts) {
+        for (const std::string_view part : parts) {
+            sections[section].append(part);
+        }
+        sections[section].append("\n");
     };
     for (int i = 1; i <= devices; i++) {
         const std::string device = std::to_string(i);
         const std::string produce = std::to_string(2 * i - 1);
         const std::string consume = std::to_string(2 * i);
-        add(0, device + ",1,unit" + device);
-        add(1, produce + "," + device + ",1,send,0,1,,0,,1,,,,");
-        add(1, consume + "," + device + ",1,state,1,,,,,,1,500,,");
-        add(2, produce + "," + produce + "," + std::to_string(100 + i) + ",8,0");
-        add(2, consume + "," + consume + "," + std::to_string(200 + i) + ",8,1");
-        add(3, produce + "," + produce + ",0,0,speed,6,2,wo,0,,0,,,,,,,,,");
-        add(3, consume + "," + consume + ",0,0,load,6,2,ro,0,,0,,,,,,,,,");
+        add(0, {device, ",1,unit", device});
+        add(1, {produce, ",", device, ",1,send,0,1,,0,,1,,,,"});
+        add(1, {consume, ",", device, ",1,state,1,,,,,,1,500,,"});
+        add(2, {produce, ",", produce, ",", std::to_string(100 + i), ",8,0"});
+        add(2, {consume, ",", consume, ",", std::to_string(200 + i), ",8,1"});
+        add(3, {produce, ",", produce, ",0,0,speed,6,2,wo,0,,0,,,,,,,,,"});
+        add(3, {consume, ",", consume, ",0,0,load,6,2,ro,0,,0,,,,,,,,,"});
     }
     return interface_section + sections[0] + sections[1] + sections[2] + sections[3];
 }
