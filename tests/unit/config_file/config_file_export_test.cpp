@@ -140,6 +140,39 @@ TEST_F(export_file, columns_of_a_tag_that_are_not_relevant_stay_empty) {
               "1,1,0,3,a,13,2,ro,1,,,,,,,,,,,\n");
 }
 
+TEST_F(export_file, reals_are_written_as_printf_writes_them) {
+    constexpr std::array numbers = {0.0,
+
+                                    0.1,
+                                    -0.1,
+                                    0.0000005,
+                                    0.0000015,
+                                    2.5e-7,
+                                    1.0,
+                                    255.0,
+                                    -40.25,
+                                    1e15,
+                                    1e16,
+                                    1e22,
+                                    1e300,
+                                    -1e300,
+                                    123456.789,
+                                    1.0 / 3,
+                                    2147483647.0,
+                                    9007199254740993.0};
+    for (const double number : numbers) {
+        std::array<char, 512> expected{};
+        (void)snprintf(expected.data(), expected.size(), "%f", number);
+        std::array<char, 512> sql{};
+        (void)snprintf(sql.data(), sql.size(), "%.17e", number);
+        const std::string line = block_line("0, 3, 'a', 6, 2, 'ro', 1, '44', 2, 0, 0, " +
+                                            std::string(sql.data()) + ", 0, 0, 0, 'c', 1, ''");
+        EXPECT_EQ(line,
+                  "1,1,0,3,a,6,2,ro,1,,2,,," + std::string(expected.data()) +
+                      ",0.000000,0.000000,0.000000,,,\n");
+    }
+}
+
 TEST_F(export_file, tag_types_above_13_are_exported_with_their_scaling) {
     const std::string numbers = ", 1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 'c', 2, 'FF'";
     for (const char *type : {"14", "255", "0", "12"}) {
