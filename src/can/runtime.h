@@ -44,7 +44,7 @@ constexpr uint8_t frame_buffer_bytes = 2 * CAN_MAX_DLEN;
 using frame_buffer = std::array<uint8_t, frame_buffer_bytes>;
 
 struct tag_info {
-    char *name; /* owned */
+    char *name; /* owned; nullptr once the tag is registered under it */
     dx_tag *tag;
     can_module *module;
     frame_info *frame;

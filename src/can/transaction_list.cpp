@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -121,6 +122,7 @@ int build_tag(can_module *module,
         return failed(__LINE__, "unknown tag access\n");
     }
     (void)can_proprietary_tag_register(data->tag, config, mode); // the port serves without it
+    free(std::exchange(data->tag->name, nullptr));               // the tag service has it now
     return 0;
 }
 

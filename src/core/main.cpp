@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <malloc.h>
 #include <new>
 #include <pthread.h>
 
@@ -137,6 +138,8 @@ int main(int argc, char **argv) {
     if (const int status = answer_usage(argc, argv); status >= 0) {
         return status;
     }
+    // One heap: what the start of a port leaves free is there for the next, and for requests.
+    (void)mallopt(M_ARENA_MAX, 1);
     // What is said there is said when it happens, to a file as to a terminal.
     (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     route_signals();

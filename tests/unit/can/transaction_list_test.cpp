@@ -183,8 +183,9 @@ TEST_F(transaction_list, links_the_records_of_a_tag) {
     EXPECT_EQ(data->tag->module, &module);
     EXPECT_EQ(data->tag->frame, info("c")->frames);
     EXPECT_EQ(data->tag->data, data);
-    EXPECT_STREQ(data->tag->name, "can_proprietary/dev/c_v");
     EXPECT_EQ(data->tag->tag, can_dx_find("can_proprietary/dev/c_v"));
+    EXPECT_NE(data->tag->tag, nullptr);
+    EXPECT_EQ(data->tag->name, nullptr); // memory that thousands of tags would take
 }
 
 TEST_F(transaction_list, cuts_a_tags_name_at_386_bytes) {
@@ -193,8 +194,10 @@ TEST_F(transaction_list, cuts_a_tags_name_at_386_bytes) {
     made->transactionName = strdup(std::string(500, 'x').c_str());
     ASSERT_EQ(init(), 0);
     const tag_info *tag = head_of(&module, CONSUME)->transaction->frames->blocks->data->tag;
-    EXPECT_EQ(strlen(tag->name), 386U);
-    EXPECT_EQ(tag->name, "can_proprietary/dev/" + std::string(366, 'x'));
+    const std::string name = "can_proprietary/dev/" + std::string(366, 'x');
+    EXPECT_EQ(name.size(), 386U);
+    EXPECT_EQ(tag->tag, can_dx_find(name.c_str()));
+    EXPECT_NE(tag->tag, nullptr);
 }
 
 TEST_F(transaction_list, lays_constants_into_the_data_buffers) {
