@@ -23,9 +23,10 @@
  *   bench_http serve FILE          a server that does nothing but answer the file's bytes, on
  *                                  libmicrohttpd as librest uses it; prints its port, ends with its
  *                                  standard input
- *   bench_http ask ROUNDS REQUESTS PORT/PATH...
+ *   bench_http ask ROUNDS REQUESTS THREAD:PORT/PATH...
  *                                  asks each in turn, REQUESTS at a time on a connection that stays
- *                                  open, ROUNDS times; prints microseconds per request, a line each
+ *                                  open, ROUNDS times; prints microseconds per request, a line
+ *                                  each: of time, and of processor time of the server's thread
  */
 
 namespace {
@@ -106,6 +107,9 @@ int serve(const char *path) {
 class asker {
 public:
     explicit asker(std::string_view target) {
+        const size_t colon = target.find(':');
+        schedule_ = "/proc/" + std::string(target.substr(0, colon)) + "/schedstat";
+        target.remove_prefix(colon + 1);
         const size_t slash = target.find('/');
         uint16_t port = 0;
         (void)std::from_chars(target.data(), target.data() + slash, port);
@@ -147,6 +151,13 @@ public:
         }
     }
 
+    /** Processor time that the server's thread has had. */
+    [[nodiscard]] double server_us() const {
+        double nanoseconds = 0;
+        std::ifstream(schedule_) >> nanoseconds;
+        return nanoseconds / 1000;
+    }
+
 private:
     /** SIZE_MAX until the head is there. */
     static size_t length_of(std::string_view text) {
@@ -165,6 +176,7 @@ private:
     }
 
     int socket_ = -1;
+    std::string schedule_;
     std::string request_;
     std::vector<char> answer_ = std::vector<char>(65536);
 };
@@ -176,12 +188,16 @@ int ask(int rounds, int requests, const std::vector<std::string_view> &targets) 
     }
     for (int round = 0; round < rounds; round++) {
         for (size_t i = 0; i < askers.size(); i++) {
+            const double server = askers[i]->server_us();
             const auto before = steady::now();
             for (int request = 0; request < requests; request++) {
                 askers[i]->ask();
             }
             const std::chrono::duration<double, std::micro> spent = steady::now() - before;
-            (void)printf("%zu %.3f\n", i, spent.count() / requests);
+            (void)printf("%zu %.3f %.3f\n",
+                         i,
+                         spent.count() / requests,
+                         (askers[i]->server_us() - server) / requests);
         }
     }
     return 0;
@@ -197,6 +213,6 @@ int main(int argc, char **argv) {
     if (words.size() > 3 && words[0] == "ask") {
         return ask(atoi(argv[2]), atoi(argv[3]), {words.begin() + 3, words.end()});
     }
-    (void)fputs("usage: bench_http serve FILE | ask ROUNDS REQUESTS PORT/PATH...\n", stderr);
+    (void)fputs("usage: bench_http serve FILE | ask ROUNDS REQUESTS THREAD:PORT/PATH...\n", stderr);
     return 2;
 }

@@ -56,17 +56,20 @@ def measure_memory(options, lines: measuring.Lines) -> None:
 
 def take_memory(lines: measuring.Lines, found: dict[str, dict]) -> None:
     for case, row in found.items():
-        for what in ("Rss", "Pss", "Private", "Heap"):
+        for what in ("Rss", "Pss", "RssAnon", "RssShmem"):
             more = {"goal": {"at_most": 8192}} if (case, what) == ("largest", "Rss") else {}
             lines.value(f"memory, {case}", "service", f"KiB {what}", row[what], **more)
-    empty = found["empty"]["Private"]
+
+    def own(case: str) -> int:
+        return found[case]["RssAnon"] + found[case]["RssShmem"]
+
     for what in ("device", "transaction", "tag"):
         row = found[f"more {what}s"]
-        base = found[row["above"]]["Private"] if row["above"] else empty
         lines.value(f"memory of a {what}", "service", "bytes",
-                    round(1024 * (row["Private"] - base) / row["count"]), "private")
-    one = found["one port"]["Private"]
-    lines.value("memory of a port", "service", "bytes", 1024 * (empty - one), "private")
+                    round(1024 * (own(row["case"]) - own(row["above"])) / row["count"]))
+    lines.value("memory of a port", "service", "bytes", 1024 * (own("empty") - own("one port")))
+    lines.note("What a device, a transaction, a tag and a port add is anonymous memory and the tag "
+               "store, which other processes share.")
 
 
 def main() -> None:
