@@ -29,7 +29,8 @@ struct dx_tag {
     dx_handle *handle;
     tag_slot *slot;
     std::atomic<uint64_t> *value;
-    uint32_t index; // of the slot
+    std::atomic<uint32_t> *group; // change counter
+    uint32_t index;               // of the slot
     uint32_t version;
     uint8_t size;
     std::atomic<void *> user_data;
@@ -205,6 +206,7 @@ void fill_tag(dx_tag &tag, dx_handle &handle, uint32_t index, const tag_request 
     tag.handle = &handle;
     tag.slot = &handle.file.map->tags[index];
     tag.value = &value_of(*tag.slot, request.mode);
+    tag.group = &handle.file.map->header.group_changes[index / group_slots];
     tag.index = index;
     tag.version = tag.slot->version.load(std::memory_order_relaxed);
     tag.size = request.size;
@@ -228,36 +230,46 @@ bool still_ours(const dx_tag &tag) {
     return tag.slot->version.load(std::memory_order_relaxed) == tag.version;
 }
 
-/** The usual sizes without a call of memcpy(). */
-uint64_t load_value(const void *data, size_t size) {
+template <typename Value>
+uint64_t load_as(const void *data) {
+    Value value;
+    memcpy(&value, data, sizeof value);
+    return value;
+}
+
+uint64_t load_any(const void *data, size_t size) {
     uint64_t value = 0;
+    memcpy(&value, data, size);
+    return value;
+}
+
+/** The usual sizes in a register, without a call of memcpy(). */
+uint64_t load_value(const void *data, size_t size) {
     switch (size) {
     case 1:
-        memcpy(&value, data, 1);
-        break;
+        return load_as<uint8_t>(data);
     case 2:
-        memcpy(&value, data, 2);
-        break;
+        return load_as<uint16_t>(data);
     case 4:
-        memcpy(&value, data, 4);
-        break;
+        return load_as<uint32_t>(data);
     case 8:
-        memcpy(&value, data, 8);
-        break;
+        return load_as<uint64_t>(data);
     default:
-        memcpy(&value, data, size);
+        return load_any(data, size);
     }
-    return value;
+}
+
+/** Apart, so that the writes which follow carry none of its registers. */
+[[gnu::noinline]] uint64_t begin_batch(dx_handle &handle) {
+    const uint64_t time_ms = stamp_now_ms();
+    handle.batch_ms.store(time_ms, std::memory_order_relaxed);
+    return time_ms;
 }
 
 /** All writes of a batch carry the time of its first one: one clock read for a frame of tags. */
 uint64_t batch_time_ms(dx_handle &handle) {
-    uint64_t time_ms = handle.batch_ms.load(std::memory_order_relaxed);
-    if (time_ms == 0) {
-        time_ms = stamp_now_ms();
-        handle.batch_ms.store(time_ms, std::memory_order_relaxed);
-    }
-    return time_ms;
+    const uint64_t time_ms = handle.batch_ms.load(std::memory_order_relaxed);
+    return time_ms != 0 ? time_ms : begin_batch(handle);
 }
 
 } // namespace
@@ -373,13 +385,17 @@ int dx_tag_read(dx_tag *tag, void *buffer, size_t size) {
 }
 
 int dx_tag_write(dx_handle *handle, dx_tag *tag, const void *data, size_t size) {
-    if (!handle || !tag || !data || tag->handle != handle || size > tag->size ||
-        !still_ours(*tag)) {
+    if (!tag || !data) {
         return -1;
     }
+    // A tag has a handle, so a missing one is another one.
+    if (tag->handle != handle || size > tag->size || !still_ours(*tag)) {
+        return -1;
+    }
+    tag_slot &slot = *tag->slot;
     tag->value->store(load_value(data, size), std::memory_order_relaxed);
-    tag->slot->stamp_ms.store(batch_time_ms(*handle), std::memory_order_relaxed);
-    count_write(*handle->file.map, tag->index);
+    slot.stamp_ms.store(batch_time_ms(*handle), std::memory_order_relaxed);
+    count_write(slot, *tag->group);
     return 0;
 }
 

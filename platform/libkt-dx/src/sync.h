@@ -38,7 +38,8 @@ futex_wait(std::atomic<uint32_t> &word, uint32_t expected, const timespec *timeo
 inline uint64_t clock_ms(clockid_t clock) {
     timespec now{};
     (void)clock_gettime(clock, &now); // cannot fail for the monotonic clocks
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    // The nanoseconds fit 32 bits; dividing 64 bits is a call of the compiler's library on ARM.
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
 }
 
 /** Time of a write. The coarse clock is a plain read of memory: a value need not be dated finer. */
@@ -62,9 +63,13 @@ inline void commit_changes(store_header &header) {
 }
 
 /** Count a write of a slot whose value and time have been stored. */
+inline void count_write(tag_slot &slot, std::atomic<uint32_t> &group) {
+    slot.sequence.fetch_add(1, std::memory_order_release);
+    group.fetch_add(1, std::memory_order_release);
+}
+
 inline void count_write(store_layout &map, uint32_t index) {
-    map.tags[index].sequence.fetch_add(1, std::memory_order_release);
-    map.header.group_changes[index / group_slots].fetch_add(1, std::memory_order_release);
+    count_write(map.tags[index], map.header.group_changes[index / group_slots]);
 }
 
 } // namespace kt_dx
