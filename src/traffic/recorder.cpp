@@ -29,12 +29,13 @@ namespace {
 
 constexpr const char *traffic_folder = "/run/tmp/kt-can-proprietary";
 constexpr const char *path_prefix = "/run/tmp/kt-can-proprietary/traffic-log";
+constexpr const char *record_function = "can_proprietary_traffic_record_log";
 constexpr size_t longest_line_bytes = 2048;
 constexpr const char *csv_header = "No.,Time,Direction,CAN-ID,RTR,Data length,Data\n";
 
 struct can_proprietary_traffic {
-    pthread_mutex_t mutex; /* control_state */
-    uint32_t control_state;
+    pthread_mutex_t mutex;               /* changes of control_state */
+    std::atomic<uint32_t> control_state; /* read without the mutex for every frame */
     std::atomic<int64_t> start_time_us;
 };
 
@@ -99,14 +100,14 @@ void unlock_reporting(pthread_mutex_t *mutex) {
 void set_control_state(int port, uint32_t state) {
     can_proprietary_traffic &record = records[static_cast<size_t>(port)];
     lock_reporting(&record.mutex);
-    record.control_state = state;
+    record.control_state.store(state, std::memory_order_relaxed);
     unlock_reporting(&record.mutex);
 }
 
 uint32_t control_state(int port) {
     can_proprietary_traffic &record = records[static_cast<size_t>(port)];
     lock_reporting(&record.mutex);
-    const uint32_t state = record.control_state;
+    const uint32_t state = record.control_state.load(std::memory_order_relaxed);
     unlock_reporting(&record.mutex);
     return state;
 }
@@ -186,16 +187,13 @@ int append_both(int port, const traffic_row &row, const char *json_text) {
     const std::string path = json_path(port);
     kt_semaphore *taken = nullptr;
     if (semaphoreDown(path.c_str(), &taken) != 0) {
-        log_write_error("can_proprietary_traffic_record_log",
-                        __LINE__,
-                        "traffic log semaphoreDown fail(%d)\n",
-                        -8);
+        log_write_error(record_function, __LINE__, "traffic log semaphoreDown fail(%d)\n", -8);
         return -8;
     }
     const file_lock_ptr lock(taken);
     const file_ptr file = open_runtime_file(path.c_str(), "a");
     if (file == nullptr) {
-        log_write_error("can_proprietary_traffic_record_log", __LINE__, "open file fail\n");
+        log_write_error(record_function, __LINE__, "open file fail\n");
         return -5;
     }
     const size_t length = strlen(json_text);
@@ -290,6 +288,45 @@ int create_file(const std::string &path, const char *content) {
     return fputs(content, file.get()) >= 0 && fflush(file.get()) == 0 ? 0 : -5;
 }
 
+/** Apart from the test whether to record, which every frame passes. */
+[[gnu::noinline]] int record_frame(const uint8_t *data,
+                                   traffic_direction direction,
+                                   uint32_t can_id,
+                                   int rtr,
+                                   uint8_t data_length,
+                                   uint16_t port) {
+    if (data_length > CAN_MAX_DLEN) {
+        log_write_error(record_function, __LINE__, "data length(%d) invalid.\n", data_length);
+        return -1;
+    }
+    traffic_row row{};
+    row.direction = direction;
+    row.extended = (can_id & CAN_EFF_FLAG) != 0;
+    row.id = can_id & (row.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
+    row.rtr = rtr;
+    row.data_length = data_length;
+    format_data(data, &row);
+    const json_ptr line(json_value_init_object());
+    if (line == nullptr) {
+        log_write_error(record_function, __LINE__, "init fail(%d)\n", -7);
+        return -7;
+    }
+    const int64_t start = records[port].start_time_us.load(std::memory_order_relaxed);
+    const double seconds = static_cast<double>(get_timestamp() - start) / 1000000.0;
+    (void)snprintf(row.time.data(), row.time.size(), "%.3lf", seconds);
+    if (!set_members(json_value_get_object(line.get()), row)) {
+        log_write_error(record_function, __LINE__, "json fail(%d)\n", -6);
+        return -6;
+    }
+    const json_text_ptr text(json_serialize_to_string(line.get()));
+    if (text == nullptr) {
+        log_write_error(record_function, __LINE__, "json_serialize_to_string fail\n");
+        return -6;
+    }
+    return unless_no_memory(
+        record_function, -2, [&] { return append_both(port, row, text.get()); });
+}
+
 } // namespace
 
 int can_proprietary_traffic_init(uint8_t port_count) {
@@ -368,38 +405,10 @@ int can_proprietary_traffic_record_log(const uint8_t *data,
     if (!is_valid(__func__, port)) {
         return -1;
     }
-    if (control_state(port) == 0) {
+    if (records[port].control_state.load(std::memory_order_relaxed) == 0) {
         return 0;
     }
-    if (data_length > CAN_MAX_DLEN) {
-        log_error("data length(%d) invalid.\n", data_length);
-        return -1;
-    }
-    traffic_row row{};
-    row.direction = direction;
-    row.extended = (can_id & CAN_EFF_FLAG) != 0;
-    row.id = can_id & (row.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
-    row.rtr = rtr;
-    row.data_length = data_length;
-    format_data(data, &row);
-    const json_ptr line(json_value_init_object());
-    if (line == nullptr) {
-        log_error("init fail(%d)\n", -7);
-        return -7;
-    }
-    const int64_t start = records[port].start_time_us.load(std::memory_order_relaxed);
-    const double seconds = static_cast<double>(get_timestamp() - start) / 1000000.0;
-    (void)snprintf(row.time.data(), row.time.size(), "%.3lf", seconds);
-    if (!set_members(json_value_get_object(line.get()), row)) {
-        log_error("json fail(%d)\n", -6);
-        return -6;
-    }
-    const json_text_ptr text(json_serialize_to_string(line.get()));
-    if (text == nullptr) {
-        log_error("json_serialize_to_string fail\n");
-        return -6;
-    }
-    return unless_no_memory(__func__, -2, [&] { return append_both(port, row, text.get()); });
+    return record_frame(data, direction, can_id, rtr, data_length, port);
 }
 
 int can_proprietary_traffic_get_log(JSON_Value **log, int port) {
