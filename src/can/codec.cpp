@@ -31,16 +31,15 @@ void exchange_halves(std::span<uint8_t> bytes) {
 /** NaN gives 0, as the processors of the gateways convert. */
 template <typename Integer>
 Integer saturate(double value) {
+    constexpr Integer least = std::numeric_limits<Integer>::min();
+    constexpr Integer most = std::numeric_limits<Integer>::max();
+    if (value > static_cast<double>(least) && value < static_cast<double>(most)) {
+        return static_cast<Integer>(value);
+    }
     if (std::isnan(value)) {
         return 0;
     }
-    if (value <= static_cast<double>(std::numeric_limits<Integer>::min())) {
-        return std::numeric_limits<Integer>::min();
-    }
-    if (value >= static_cast<double>(std::numeric_limits<Integer>::max())) {
-        return std::numeric_limits<Integer>::max();
-    }
-    return static_cast<Integer>(value);
+    return value <= static_cast<double>(least) ? least : most;
 }
 
 struct line {
@@ -61,19 +60,66 @@ line line_of(const tag_block_config *tag) {
  * @tparam Wide   what the result is saturated to before it is cut to Value
  */
 template <typename Value, typename Wide>
-int scale_as(std::span<uint8_t> bytes, const line &line) {
-    // A block shorter than its type keeps its length: the neighbours are not its own.
-    const size_t length = std::min(bytes.size(), sizeof(Value));
-    Value value{};
-    memcpy(&value, bytes.data(), length);
+Value scaled(Value value, const line &line) {
     const double result = line.offset + static_cast<double>(value) * line.slope;
     if constexpr (std::is_floating_point_v<Value>) {
-        value = static_cast<Value>(result);
+        return static_cast<Value>(result);
     } else {
-        value = static_cast<Value>(saturate<Wide>(result));
+        return static_cast<Value>(saturate<Wide>(result));
     }
-    memcpy(bytes.data(), &value, length);
+}
+
+/** A block shorter than its type keeps its length: the neighbours are not its own. */
+template <typename Value, typename Wide>
+[[gnu::noinline]] int scale_part(uint8_t *start, size_t length, const line &line) {
+    Value value{};
+    memcpy(&value, start, length);
+    value = scaled<Value, Wide>(value, line);
+    memcpy(start, &value, length);
     return 1;
+}
+
+template <typename Value, typename Wide>
+int scale_as(uint8_t *start, size_t length, const line &line) {
+    if (length < sizeof(Value)) [[unlikely]] {
+        return scale_part<Value, Wide>(start, length, line);
+    }
+    Value value;
+    memcpy(&value, start, sizeof value);
+    value = scaled<Value, Wide>(value, line);
+    memcpy(start, &value, sizeof value);
+    return 1;
+}
+
+int scale(uint8_t *start, size_t length, const tag_block_config *tag) {
+    if (tag->scalingFunc != SCALING_INTERCEPT && tag->scalingFunc != SCALING_POINTS) {
+        return 0;
+    }
+    const line line = line_of(tag);
+    switch (tag->tagType) {
+    case TAG_INT8:
+        return scale_as<int8_t, int32_t>(start, length, line);
+    case TAG_INT16:
+        return scale_as<int16_t, int32_t>(start, length, line);
+    case TAG_INT32:
+        return scale_as<int32_t, int32_t>(start, length, line);
+    case TAG_INT64:
+        return scale_as<int64_t, int64_t>(start, length, line);
+    case TAG_UINT8:
+        return scale_as<uint8_t, uint32_t>(start, length, line);
+    case TAG_UINT16:
+        return scale_as<uint16_t, uint32_t>(start, length, line);
+    case TAG_UINT32:
+        return scale_as<uint32_t, uint32_t>(start, length, line);
+    case TAG_UINT64:
+        return scale_as<uint64_t, uint64_t>(start, length, line);
+    case TAG_FLOAT:
+        return scale_as<float, float>(start, length, line);
+    case TAG_DOUBLE:
+        return scale_as<double, double>(start, length, line);
+    default:
+        return 0;
+    }
 }
 
 std::array<uint8_t, sizeof(uint64_t)> little_endian(uint64_t value) {
@@ -106,33 +152,19 @@ void codec_swap(std::span<uint8_t> bytes, uint8_t mode) {
 }
 
 int codec_scale(std::span<uint8_t> bytes, const tag_block_config *tag) {
-    if (tag->scalingFunc != SCALING_INTERCEPT && tag->scalingFunc != SCALING_POINTS) {
-        return 0;
+    return scale(bytes.data(), bytes.size(), tag);
+}
+
+void codec_decode(uint8_t *start, size_t length, const tag_block_config *tag) {
+    constexpr uint8_t no_swap = 0;
+    constexpr uint8_t pairs = 1;
+    if (tag->swap == pairs && length == 2) {
+        std::swap(start[0], start[1]); // by far the most frequent kind
+    } else if (tag->swap != no_swap) {
+        codec_swap({start, length}, tag->swap);
     }
-    const line line = line_of(tag);
-    switch (tag->tagType) {
-    case TAG_INT8:
-        return scale_as<int8_t, int32_t>(bytes, line);
-    case TAG_INT16:
-        return scale_as<int16_t, int32_t>(bytes, line);
-    case TAG_INT32:
-        return scale_as<int32_t, int32_t>(bytes, line);
-    case TAG_INT64:
-        return scale_as<int64_t, int64_t>(bytes, line);
-    case TAG_UINT8:
-        return scale_as<uint8_t, uint32_t>(bytes, line);
-    case TAG_UINT16:
-        return scale_as<uint16_t, uint32_t>(bytes, line);
-    case TAG_UINT32:
-        return scale_as<uint32_t, uint32_t>(bytes, line);
-    case TAG_UINT64:
-        return scale_as<uint64_t, uint64_t>(bytes, line);
-    case TAG_FLOAT:
-        return scale_as<float, float>(bytes, line);
-    case TAG_DOUBLE:
-        return scale_as<double, double>(bytes, line);
-    default:
-        return 0;
+    if (tag->scalingFunc != SCALING_NONE && tag->tagType != TAG_RAW) {
+        (void)scale(start, length, tag);
     }
 }
 

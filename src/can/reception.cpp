@@ -66,6 +66,17 @@ bool is_good(const frame_info *expected, uint8_t dlc, const frame_buffer &data) 
     return true;
 }
 
+/** The frame's bytes; zeros beyond them, whatever the sender left there. */
+frame_buffer data_of(const can_frame &frame) {
+    frame_buffer data{};
+    if (frame.len >= CAN_MAX_DLEN) {
+        memcpy(data.data(), frame.data, CAN_MAX_DLEN);
+    } else {
+        memcpy(data.data(), frame.data, frame.len);
+    }
+    return data;
+}
+
 /** Blocks are decoded in place and in order: where two overlap, the later sees the decoded bytes.
  */
 void publish(const frame_info *expected, frame_buffer &data) {
@@ -76,10 +87,7 @@ void publish(const frame_info *expected, frame_buffer &data) {
         }
         const tag_block_config *tag = block->data->config;
         const std::span<uint8_t> bytes = block_bytes(data, tag->startOffset, tag->tagSize);
-        codec_swap(bytes, tag->swap);
-        if (tag->tagType != TAG_RAW) {
-            (void)codec_scale(bytes, tag);
-        }
+        codec_decode(bytes.data(), bytes.size(), tag);
         (void)can_proprietary_tag_write(block->data->tag->tag, bytes);
     }
     can_proprietary_tag_commit();
@@ -98,8 +106,7 @@ void can_proprietary_receive_data(can_module *module, const can_frame &frame) {
     if (expected == nullptr) {
         return;
     }
-    frame_buffer data{};
-    memcpy(data.data(), frame.data, std::min<size_t>(frame.len, CAN_MAX_DLEN));
+    frame_buffer data = data_of(frame);
     if (info->config->transactionType == TRANSACTION_CONSUME &&
         info->config->consumeToutEnable != 0) {
         info->deadline = sys_clock_ms() + info->config->consumeTimeout;

@@ -101,12 +101,9 @@ void can_proprietary_tag_release(tag_info *info) {
     info->tag = nullptr;
 }
 
-int can_proprietary_tag_write(dx_tag *tag, std::span<const uint8_t> value) {
-    if (tag == nullptr) {
-        (void)printf("%s: dx_tag is NULL!\n", __func__);
-        return -1;
-    }
-    return dx_tag_write(g_dx_handle, tag, value.data(), value.size());
+int can_proprietary_tag_missing() {
+    (void)printf("%s: dx_tag is NULL!\n", "can_proprietary_tag_write");
+    return -1;
 }
 
 void can_proprietary_tag_commit() {

@@ -3,6 +3,8 @@
 
 #include "can/runtime.h"
 
+#include <kt/dx.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -14,8 +16,6 @@
  * released by the port thread that owns their records; can_proprietary_subscribe_callback() runs on
  * the data-exchange thread, and never with a tag whose release has returned.
  */
-
-struct dx_handle;
 
 /** The process-wide handle, nullptr when the tag service cannot be used. */
 extern dx_handle *g_dx_handle;
@@ -39,8 +39,14 @@ int can_proprietary_tag_register(tag_info *info, const tag_block_config *block, 
 /** Withdraw the tag; returns once no write of it is being handled any more. */
 void can_proprietary_tag_release(tag_info *info);
 
+/** Print that a write has no tag. @return -1 */
+int can_proprietary_tag_missing();
+
 /** Publish a value. @retval 0 @retval -1 failure; a missing tag is printed to standard output */
-int can_proprietary_tag_write(dx_tag *tag, std::span<const uint8_t> value);
+inline int can_proprietary_tag_write(dx_tag *tag, std::span<const uint8_t> value) {
+    return tag == nullptr ? can_proprietary_tag_missing()
+                          : dx_tag_write(g_dx_handle, tag, value.data(), value.size());
+}
 
 /** Commit the values written so far. */
 void can_proprietary_tag_commit();
