@@ -106,7 +106,7 @@ void run_port(can_module *module) {
         if (const int result = can_tx_handler(module); result != 0) {
             log_write_error(thread_function, __LINE__, "can_tx_handler fail: %d\n", result);
         }
-        (void)can_rx_handler(module); // a failed wait is simply followed by the next one
+        (void)can_rx_continue(module); // a failed wait is simply followed by the next one
     } while (!stop_requested() && !restart_requested());
 }
 

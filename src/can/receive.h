@@ -13,6 +13,9 @@
  */
 int can_rx_handler(can_module *module);
 
+/** The same right after can_tx_handler(), whose reading of the clock still holds unless it sent. */
+int can_rx_continue(can_module *module);
+
 /** How long the pass may wait at most, in milliseconds, 0 to 1000. */
 int32_t receive_wait_ms(const can_module *module, uint32_t now);
 

@@ -1,6 +1,7 @@
 #ifndef KT_CAN_RUNTIME_H
 #define KT_CAN_RUNTIME_H
 
+#include "can/pass_clock.h"
 #include "config/model.h"
 
 #include <algorithm>
@@ -150,10 +151,12 @@ struct can_module_pass {
     can_frame *bootup_request;       /* frames kept for resends, allocated when used; owned */
     can_frame *cyclic_request;
     can_frame *change_request;
+    pass_clock clock;
     uint32_t earliest_fp_deadline; /* of on-change transactions with a tag not in fault */
     bool fp_check_wanted;          /* a tag write may have ended a fault */
     uint32_t earliest_consume_deadline;
     uint32_t frames_since_loss_check;
+    bool frames_waiting;  /* the last one had been there before the wait for it */
     uint32_t frames_lost; /* the socket's drop counter as last seen */
     bool link_lost;       /* the network interface went away */
     uint32_t link_retry;  /* clock value of the next look for it */

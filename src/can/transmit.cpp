@@ -80,6 +80,7 @@ outcome send_frame(can_module *module, const transaction_info *info, const can_f
                                 MSG_DONTWAIT,
                                 reinterpret_cast<const sockaddr *>(&address),
                                 sizeof address);
+    module->clock.forget();
     if (sent != static_cast<ssize_t>(sizeof frame)) {
         can_proprietary_diag_set_result(module->port_index, info->diag_slot, RESULT_FAILED);
         return outcome::refused;
@@ -246,9 +247,9 @@ void bootup_phase(can_module *module) {
 }
 
 /** The cyclic lists are ordered, so the due nodes stand in front. */
-void queue_due(can_module *module, list_id cyclic, uint32_t now) {
+void queue_due(can_module *module, list_id cyclic) {
     for (trans_list_node *node = head_of(module, cyclic);
-         node != nullptr && clock_is_due(now, node->transaction->next_send);
+         node != nullptr && clock_is_due(module->clock.now(), node->transaction->next_send);
          node = head_of(module, cyclic)) {
         (void)can_proprietary_move_to_wait_send(module, node); // it stands at its home's head
         if (cyclic == REQUEST_CYCLIC) {
@@ -315,14 +316,16 @@ int can_tx_handler(can_module *module) {
         log_error("can_module is NULL\n");
         return -1;
     }
+    module->clock.forget();
     if (head_of(module, REQUEST_BOOTUP) != nullptr || head_of(module, PRODUCE_BOOTUP) != nullptr) {
         bootup_phase(module);
         return 0;
     }
-    const uint32_t now = sys_clock_ms();
-    check_on_change_fp(module, now);
-    queue_due(module, PRODUCE_CYCLIC, now);
-    queue_due(module, REQUEST_CYCLIC, now);
+    if (module->earliest_fp_deadline != no_deadline || module->fp_check_wanted) {
+        check_on_change_fp(module, module->clock.now());
+    }
+    queue_due(module, PRODUCE_CYCLIC);
+    queue_due(module, REQUEST_CYCLIC);
     answer_remote_request(module);
     dx_request_send_handler(module);
     send_changed(module);

@@ -106,6 +106,12 @@ int __wrap_select(int count, fd_set *readable, fd_set *writable, fd_set *failing
     if (settings.select_errno != 0) {
         return failed(settings.select_errno);
     }
+    if (settings.waited_us) {
+        constexpr int64_t second = 1000000;
+        const int64_t left =
+            std::max<int64_t>(0, time->tv_sec * second + time->tv_usec - *settings.waited_us);
+        *time = {static_cast<time_t>(left / second), static_cast<suseconds_t>(left % second)};
+    }
     timeval none{};
     return __real_select(count, readable, writable, failing, &none);
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <linux/can.h>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ struct can_call_settings {
     int select_errno = 0;
     std::function<void()> on_select;
     std::vector<int64_t> waits_ms;
+    std::optional<int64_t> waited_us; /* what select() then says to have waited */
     int socket_errno = 0;
     int bind_errno = 0;
     unsigned interface_index = 7; /* 0: no such interface */

@@ -491,4 +491,75 @@ TEST_F(receive_pass, looks_for_a_lost_interface) {
     EXPECT_EQ(module.link_retry, 2000U);
 }
 
+class busy_port : public can_port_fixture {
+protected:
+    void put_frames(int count) {
+        for (int i = 0; i < count; i++) {
+            put(1, {7});
+        }
+    }
+    std::vector<int64_t> waits_of_passes(int count) {
+        can_calls().waits_ms.clear();
+        for (int i = 0; i < count; i++) {
+            (void)rx();
+        }
+        return can_calls().waits_ms;
+    }
+};
+
+TEST_F(busy_port, looks_without_a_wait_as_long_as_frames_are_there) {
+    can_add_consume(device(), "c", 1);
+    build();
+    can_calls().waited_us = 3;
+    put_frames(3);
+    EXPECT_THAT(waits_of_passes(4), ElementsAre(1000, 0, 0, 0, 1000));
+    put_frames(1);
+    EXPECT_THAT(waits_of_passes(1), ElementsAre(1000));
+}
+
+TEST_F(busy_port, waits_again_after_a_frame_that_it_had_to_wait_for) {
+    can_add_consume(device(), "c", 1);
+    build();
+    can_calls().waited_us = 500;
+    put_frames(2);
+    EXPECT_THAT(waits_of_passes(2), ElementsAre(1000, 1000));
+}
+
+TEST_F(busy_port, keeps_its_deadlines_while_frames_are_there) {
+    can_add_consume(device(), "c", 1);
+    transaction_config *silent = can_add_consume(device(), "silent", 2);
+    silent->consumeToutEnable = 1;
+    build();
+    can_calls().waited_us = 3;
+    put_frames(2);
+    (void)rx();
+    can_clock_advance(silent->consumeTimeout);
+    (void)rx();
+    EXPECT_EQ(info("silent")->state, STATE_TIMEOUT);
+}
+
+TEST_F(busy_port, reads_no_clock_where_nothing_is_scheduled) {
+    can_add_consume(device(), "c", 1);
+    build();
+    (void)tx();
+    int reads = 0;
+    can_clock_on_read([&] { reads++; });
+    put_frames(1);
+    (void)tx();
+    (void)rx();
+    can_clock_on_read(nullptr);
+    EXPECT_EQ(reads, 0);
+}
+
+TEST_F(busy_port, reads_the_clock_once_for_a_pass_that_sends_nothing) {
+    can_add_produce(device(), "p", TRIGGER_CYCLIC, 2);
+    build();
+    int reads = 0;
+    can_clock_on_read([&] { reads++; });
+    (void)tx();
+    (void)can_rx_continue(&module);
+    can_clock_on_read(nullptr);
+    EXPECT_EQ(reads, 1);
+}
+
 } // namespace
