@@ -4,6 +4,9 @@
 //       at once, the identifiers from FIRST-ID in turn
 //   can-load spaced PORT COUNT FIRST-ID IDS MICROSECONDS
 //       one by one, with a pause before each
+//   can-load paced PORT RATE FIRST-ID IDS SECONDS [LENGTH | remote]
+//       RATE frames a second, those of a millisecond together; prints the frames sent, the
+//       nanoseconds they took and those of them that this program used
 
 #include "can_socket.h"
 
@@ -37,7 +40,7 @@ can_frame frame_of(const load &load, unsigned n, uint8_t length) {
     return frame;
 }
 
-void send_burst(int socket, const load &load, uint8_t length) {
+void send_burst(int socket, const load &load, uint8_t length, bool remote) {
     std::array<can_frame, batch> frames{};
     std::array<iovec, batch> parts{};
     std::array<mmsghdr, batch> messages{};
@@ -45,6 +48,7 @@ void send_burst(int socket, const load &load, uint8_t length) {
         const unsigned now = std::min(batch, load.count - sent);
         for (unsigned i = 0; i < now; i++) {
             frames[i] = frame_of(load, sent + i, length);
+            frames[i].can_id |= remote ? CAN_RTR_FLAG : 0;
             parts[i] = {&frames[i], sizeof frames[i]};
             messages[i].msg_hdr.msg_iov = &parts[i];
             messages[i].msg_hdr.msg_iovlen = 1;
@@ -68,20 +72,57 @@ void send_spaced(int socket, const load &load, unsigned pause_us) {
     }
 }
 
+int64_t read_ns(clockid_t clock) {
+    timespec now{};
+    (void)clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+void sleep_until_ns(int64_t moment) {
+    const timespec end{static_cast<time_t>(moment / 1000000000),
+                       static_cast<long>(moment % 1000000000)};
+    (void)clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
+}
+
+void send_paced(int socket, load load, unsigned seconds, uint8_t length, bool remote) {
+    const unsigned rate = load.count;
+    const int64_t start = read_ns(CLOCK_MONOTONIC);
+    unsigned sent = 0;
+    for (unsigned ms = 1; ms <= seconds * 1000; ms++) {
+        sleep_until_ns(start + int64_t{ms} * 1000000);
+        const auto due = static_cast<unsigned>(uint64_t{rate} * ms / 1000);
+        load.count = due - sent;
+        send_burst(socket, load, length, remote);
+        sent = due;
+    }
+    (void)printf("%u %lld %lld\n",
+                 sent,
+                 static_cast<long long>(read_ns(CLOCK_MONOTONIC) - start),
+                 static_cast<long long>(read_ns(CLOCK_PROCESS_CPUTIME_ID)));
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     const std::string_view what = argc > 5 ? argv[1] : "";
-    if (what != "burst" && (what != "spaced" || argc < 7)) {
-        (void)fprintf(stderr, "usage: can-load burst|spaced PORT COUNT FIRST-ID IDS ...\n");
+    if ((what != "burst" && what != "spaced" && what != "paced") || (what != "burst" && argc < 7)) {
+        (void)fprintf(stderr, "usage: can-load burst|spaced|paced PORT COUNT FIRST-ID IDS ...\n");
         return 2;
     }
     const int socket = open_can_to_send(argv[2]);
     const load load{number(argv[3]), number(argv[4]), number(argv[5])};
+    constexpr uint8_t whole = 8;
     if (what == "burst") {
-        send_burst(socket, load, static_cast<uint8_t>(argc > 6 ? number(argv[6]) : 8));
-    } else {
+        const auto length = argc > 6 ? static_cast<uint8_t>(number(argv[6])) : whole;
+        send_burst(socket, load, length, false);
+    } else if (what == "spaced") {
         send_spaced(socket, load, number(argv[6]));
+    } else {
+        const bool remote = argc > 7 && std::string_view(argv[7]) == "remote";
+        const auto length = remote     ? uint8_t{0}
+                            : argc > 7 ? static_cast<uint8_t>(number(argv[7]))
+                                       : whole;
+        send_paced(socket, load, number(argv[6]), length, remote);
     }
     return 0;
 }

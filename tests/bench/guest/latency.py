@@ -1,0 +1,130 @@
+"""Group latency: from a bus to another process and back, and how cyclic frames keep their time."""
+
+import math
+import pathlib
+import statistics
+import struct
+import socket
+import subprocess
+import time
+
+import guest
+from guest import BIN, Program, Service, rows
+
+GROUP = "latency"
+POINTS = ((0.5, "us p50"), (0.99, "us p99"), (0.999, "us p99.9"), (0.9999, "us p99.99"),
+          (1.0, "us longest"))
+GOALS = {"us p99": 1.15, "us p99.9": 1.3}
+IN, OUT = 0x100, 0x200
+
+
+def device():
+    received = rows.consume("in", rows.frame(IN, 8, rows.tag("v", rows.U64, 0)))
+    sent = rows.produce("out", rows.frame(OUT, 8, rows.tag("v", rows.U64, 0, access="wo")),
+                        trigger=rows.ON_CHANGE)
+    return rows.device("d", received, sent)
+
+
+def run(what: str, identifier: int, name, count: int) -> list[float]:
+    output = subprocess.run([BIN / "can-latency", what, "can0", hex(identifier), str(name),
+                             str(count)], check=True, capture_output=True, text=True).stdout
+    return sorted(float(line) for line in output.split())
+
+
+def tell(report, case: str, who: str, found: list[float], goals=None) -> None:
+    for part, quantity in POINTS:
+        value = found[max(0, math.ceil(part * len(found)) - 1)]
+        more = {"goal": {"against": "floor", "at_most": goals[quantity]}} \
+            if goals and quantity in goals else {}
+        report.value(GROUP, case, who, quantity, "us", [value], **more)
+
+
+def start_load():
+    return subprocess.Popen([BIN / "can-load", "paced", "can1", "9009", "0x400", "64", "3600"],
+                            stdout=subprocess.DEVNULL)
+
+
+def start_requests():
+    script = ("import socket\nwhile True:\n s = socket.create_connection(('127.0.0.1', 8080))\n"
+              " s.sendall(b'GET /CAN-proprietary/overview HTTP/1.1\\r\\nHost: localhost\\r\\n"
+              "Connection: close\\r\\n\\r\\n')\n while s.recv(65536):\n  pass\n s.close()\n")
+    return subprocess.Popen(["/usr/bin/python3", "-S", "-c", script], stderr=subprocess.DEVNULL)
+
+
+def measure_both_ways(report, case: str, count: int) -> None:
+    tell(report, f"frame to tag, {case}", "service",
+         run("tag", IN, "can_proprietary/d/in_v", count), GOALS)
+    tell(report, f"tag to frame, {case}", "service",
+         run("write", OUT, "can_proprietary/d/out_v", count))
+
+
+def measure_floor(report, case: str, count: int) -> None:
+    path = pathlib.Path("/dev/shm/can-floor")
+    with Program(BIN / "can-floor", "share", "can0", path):
+        time.sleep(1)  # until it is bound, where the service is on the port, too
+        tell(report, f"frame to tag, {case}", "floor", run("share", IN, path, count))
+
+
+def stop(*processes) -> None:
+    for process in processes:
+        process.kill()
+        process.wait()
+
+
+def cyclic_times(count: int, interval: int, seconds: int) -> list[list[float]]:
+    """When the frames of each identifier came, in milliseconds."""
+    with socket.socket(socket.AF_CAN, socket.SOCK_RAW, socket.CAN_RAW) as bus:
+        bus.setsockopt(socket.SOL_SOCKET, 29, 1)  # SO_TIMESTAMP
+        bus.bind(("can0",))
+        bus.settimeout(0.5)
+        times: list[list[float]] = [[] for _ in range(count)]
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            try:
+                data, extra, _, _ = bus.recvmsg(16, 64)
+            except TimeoutError:
+                continue
+            whole, part = struct.unpack("=ll" if len(extra[0][2]) == 8 else "=qq", extra[0][2])
+            times[struct.unpack("=I", data[:4])[0] - 0x300].append(whole * 1000 + part / 1000)
+    return times
+
+
+def measure_cyclic(report, transactions: int, interval: int, seconds: int) -> None:
+    produced = (rows.produce(f"c{n}", rows.frame(0x300 + n, 8), interval=interval)
+                for n in range(transactions))
+    with Service(rows.device("d", *produced)):
+        times = cyclic_times(transactions, interval, seconds)
+    periods = [b - a for one in times for a, b in zip(one, one[1:])]
+    if not periods:
+        raise SystemExit("no cyclic frames")
+    case = f"{transactions} cyclic of {interval} ms"
+    longest = max(abs(period - interval) for period in periods)
+    drift = statistics.mean(periods) - interval
+    report.value(GROUP, case, "service", "ms longest deviation of a period", "ms", [longest])
+    report.value(GROUP, case, "service", "ms drift of a period", "ms", [drift])
+
+
+def measure(report, options) -> None:
+    count = 300 if options.check else 10000
+    report.line(group=GROUP, title="Latency")
+    report.line(group=GROUP, note=(
+        "A thousand instructions are a microsecond. A frame is sent, at changing distances of 0.3 to"
+        " 3 ms, and the time taken until another process, woken by the tag store, has read the"
+        " value; the floor is the bare loop that puts it in shared memory and wakes the process."
+        " A cyclic transaction is due again its interval after it was sent, as prescribed, so a"
+        " period is its interval and what the sending takes."))
+    with Service(device()):
+        measure_both_ways(report, "idle", count)
+        if not options.check:
+            processes = start_load(), start_requests()
+            measure_both_ways(report, "other port full, REST busy", count)
+            stop(*processes)
+    measure_floor(report, "idle", count)
+    if options.check:
+        return
+    with Service(rows.device("e", port=2)):
+        processes = start_load(), start_requests()
+        measure_floor(report, "other port full, REST busy", count)
+        stop(*processes)
+    for transactions, interval in ((1, 10), (1, 1000), (100, 100), (250, 250), (250, 1000)):
+        measure_cyclic(report, transactions, interval, 60)

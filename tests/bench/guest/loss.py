@@ -1,0 +1,113 @@
+"""Group loss: whether every frame of two full buses is counted on a gateway of limited speed."""
+
+import subprocess
+import time
+
+import guest
+import receive
+from guest import BIN, Program, Service, rows
+
+GROUP = "loss"
+FULL = ("can0", 9009, 8), ("can1", 9009, 8)
+CASES = (
+    ("two full ports, 8 bytes", FULL),
+    ("one full port, no data", (("can0", 20800, 0),)),
+    ("one full port, remote frames", (("can0", 21276, "remote"),)),
+)
+
+
+def send_paced(port: str, rate: int, what, seconds: int):
+    return subprocess.Popen([BIN / "can-load", "paced", port, str(rate), "0x100", "64",
+                             str(seconds), str(what)], stdout=subprocess.PIPE, text=True)
+
+
+def finish(senders) -> tuple[list[int], float]:
+    """Frames sent by each, and the instructions that a frame took its sender."""
+    lines = [[int(word) for word in sender.communicate()[0].split()] for sender in senders]
+    sent = [line[0] for line in lines]
+    return sent, sum(line[2] for line in lines) / sum(sent)
+
+
+def service_of_two_ports():
+    devices = [rows.device(f"d{port}", *(receive.consumer(n, 4) for n in range(64)), port=port)
+               for port in (1, 2)]
+    return Service(*devices)
+
+
+def disturb(service: Service) -> None:
+    """What clients do meanwhile, and two seconds in which the process stands still."""
+    status, file = service.rest("GET", "/config-file")
+    boundary = b"b0"
+    body = (b"--b0\r\nContent-Disposition: form-data; name=\"file\"; filename=\"c.csv\"\r\n\r\n"
+            + file + b"\r\n--b0--\r\n")
+    for _ in range(2):
+        service.rest("GET", "/device?deviceId=1")
+        service.rest("GET", "/traffic/1")
+    service.rest("POST", "/config-file", body, f"multipart/form-data; boundary={boundary.decode()}")
+    service.stop()
+    time.sleep(2)
+    service.go_on()
+    for _ in range(4):
+        service.rest("GET", "/overview")
+    assert status == 200
+
+
+def measure_case(report, name: str, loads, speed: str, seconds: int) -> None:
+    with service_of_two_ports() as service:
+        senders = [send_paced(port, rate, what, seconds) for port, rate, what in loads]
+        time.sleep(0.5)
+        disturb(service)
+        sent, cost = finish(senders)
+        time.sleep(5)
+        counted = [service.diagnose(1 + int(port[-1]))["rxCount"] for port, _, _ in loads]
+        dropped = b"lost in the receive buffer" in service.log.read_bytes()
+    report.value(GROUP, f"{name}, {speed}", "service", "lost frames", f"of {sum(sent)}",
+                 [sum(sent) - sum(counted)], goal={"at_most": 0})
+    report.line(group=GROUP, note=f"{name}, {speed}: sent {sent}, the sender took {cost:.0f} ns of"
+                f" the gateway a frame; the socket dropped {'some' if dropped else 'none'}.")
+
+
+def keeps_up(program: Program, rate: int) -> bool:
+    """Whether no frames wait any more a moment after two seconds of them."""
+    program.settle()
+    finish([send_paced("can0", rate, 8, 2)])
+    time.sleep(0.03)
+    return program.waits()
+
+
+def highest_rate(program: Program) -> int:
+    low, high = 1000, 200000
+    while high - low > low * 0.02:
+        middle = (low + high) // 2
+        if keeps_up(program, middle):
+            low = middle
+        else:
+            high = middle
+        program.settle()
+    return low
+
+
+def measure_rates(report, speed: str) -> None:
+    case = f"one port, 8 bytes, {speed}"
+    with service_of_two_ports() as service:
+        report.value(GROUP, case, "service", "frames/s", "without a backlog",
+                     [highest_rate(service)])
+    for who, command in (("floor", (BIN / "can-floor", "receive", "can0")),
+                         ("candump", ("candump", "can0"))):
+        with Program(*command) as program:
+            report.value(GROUP, case, who, "frames/s", "without a backlog",
+                         [highest_rate(program)])
+
+
+def measure(report, options) -> None:
+    if options.check:
+        return
+    speed = f"{1000 >> options.shift} MIPS"
+    report.line(group=GROUP, title="Full buses")
+    report.line(group=GROUP, note=(
+        "The frames of a millisecond are sent together by a program on the gateway itself, whose"
+        " instructions stand for those of a controller's interrupts. During the run clients read"
+        " and import a configuration, and the process stands still for two seconds."))
+    for name, loads in CASES:
+        measure_case(report, name, loads, speed, 6)
+    measure_rates(report, speed)
