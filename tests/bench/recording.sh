@@ -1,3 +1,3 @@
 #!/bin/bash
-# What a received frame costs while the traffic of its port is recorded, on 32-bit ARM; see arm_guest.sh for the arguments.
+# What a frame costs while the traffic is recorded, on 32-bit ARM; for the arguments see arm_guest.sh.
 exec "$(dirname "${BASH_SOURCE[0]}")/arm_guest.sh" "$@" recording

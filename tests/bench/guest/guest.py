@@ -34,7 +34,8 @@ SAVED_SCHEMA = FOLDERS[0] + "/default/can_proprietary.sql"
 PERSISTENT_DB = FOLDERS[0] + "/can_proprietary.db"
 TRACING = pathlib.Path("/sys/kernel/tracing")
 
-SYSTEM_CALLS = {0: "restart_syscall", 3: "read", 4: "write", 5: "open", 6: "close", 19: "lseek", 20: "getpid",
+SYSTEM_CALLS = {0: "restart_syscall", 3: "read", 4: "write", 5: "open", 6: "close", 19: "lseek",
+                20: "getpid",
                 54: "ioctl", 91: "munmap", 93: "ftruncate", 108: "fstat", 118: "fsync",
                 140: "_llseek", 142: "_newselect", 143: "flock", 192: "mmap2", 194: "ftruncate64",
                 195: "stat64", 197: "fstat64", 221: "fcntl64", 240: "futex", 263: "clock_gettime",
@@ -78,10 +79,11 @@ class Program:
     def __init__(self, *command, environment=None, ready=None, thread=None):
         self.log = pathlib.Path(f"/tmp/{pathlib.Path(str(command[0])).name}.log")
         with open(self.log, "wb") as output:
-            self.process = subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL,
-                                            stdout=output if thread else subprocess.DEVNULL,
-                                            stderr=subprocess.STDOUT if thread else output, cwd="/",
-                                            env={**os.environ, **(environment or {})})
+            self.process = subprocess.Popen(
+                [str(part) for part in command], cwd="/", stdin=subprocess.DEVNULL,
+                stdout=output if thread else subprocess.DEVNULL,
+                stderr=subprocess.STDOUT if thread else output,
+                env={**os.environ, **(environment or {})})
         self.pid = self.process.pid
         self.thread = self.pid
         wait_until(ready or (lambda: listens("can0")), f"{command[0]} is not ready", self)

@@ -14,7 +14,8 @@ SECONDS = 60
 def switches(service: Service) -> dict[str, int]:
     found = {}
     for name, thread in service.threads().items():
-        for line in pathlib.Path(f"/proc/{service.pid}/task/{thread}/status").read_text().splitlines():
+        status = pathlib.Path(f"/proc/{service.pid}/task/{thread}/status").read_text()
+        for line in status.splitlines():
             if line.startswith("voluntary_ctxt_switches:"):
                 found[name] = int(line.split()[1])
     return found

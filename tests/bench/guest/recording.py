@@ -60,17 +60,17 @@ def measure_system_calls(report, service: Service) -> None:
     named = ", ".join(f"{name} {number / count:.2f}" for name, number in sorted(calls.items()))
     report.line(group=GROUP, note=f"System calls of the service for a recorded frame: {named}."
                 " select and recvfrom take the frame; flock, statx and getpid are the lock on the"
-                " kept file, which must still be the one of that name, and the unlock; openat, fcntl64,"
-                " statx, _llseek, write and close are what stdio does to append to each of the two"
-                " files.")
+                " kept file, which must still be the one of that name, and the unlock; openat,"
+                " fcntl64, statx, _llseek, write and close are what stdio does to append to each of"
+                " the two files.")
 
 
 def measure(report, options) -> None:
     runs = 3 if options.check else 5
     report.line(group=GROUP, title="Recording the traffic")
     report.line(group=GROUP, note=(
-        "The floor receives the frame, takes a lock on a kept file, and for each of two files opens"
-        " it, asks for its size, appends a line and closes it; the lines are put together by hand."))
+        "The floor receives the frame, takes a lock on a kept file, and for each of two files"
+        " opens it, asks for its size, appends a line and closes it; the lines are put together by hand."))
     with Service(receive.device_of(1, 4)) as service:
         report.value(GROUP, CASE, "service", "instructions", "per frame",
                      per_frame(recorded_burst, service, runs),
