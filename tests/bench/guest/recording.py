@@ -70,7 +70,8 @@ def measure(report, options) -> None:
     report.line(group=GROUP, title="Recording the traffic")
     report.line(group=GROUP, note=(
         "The floor receives the frame, takes a lock on a kept file, and for each of two files"
-        " opens it, asks for its size, appends a line and closes it; the lines are put together by hand."))
+        " opens it, asks for its size, appends a line and closes it; the lines are put together"
+        " by hand."))
     with Service(receive.device_of(1, 4)) as service:
         report.value(GROUP, CASE, "service", "instructions", "per frame",
                      per_frame(recorded_burst, service, runs),
