@@ -286,7 +286,8 @@ private:
 
     /** What copies whole databases is no list of statements. */
     [[nodiscard]] bool has_floor() const {
-        return openings_ > 0 && std::string_view(request_.name).find("/action") == std::string::npos;
+        return openings_ > 0 &&
+               std::string_view(request_.name).find("/action") == std::string::npos;
     }
     template <typename Work>
     double one(Work work) {
