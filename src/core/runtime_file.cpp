@@ -17,9 +17,13 @@ int flags_of(const char *mode) {
 
 } // namespace
 
-file_ptr open_runtime_file(const char *path, const char *mode) {
+unique_fd open_runtime_fd(const char *path, const char *mode) {
     constexpr int safe = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    unique_fd fd(open(path, flags_of(mode) | safe, 0666));
+    return unique_fd(open(path, flags_of(mode) | safe, 0666));
+}
+
+file_ptr open_runtime_file(const char *path, const char *mode) {
+    unique_fd fd = open_runtime_fd(path, mode);
     file_ptr file(fd.get() < 0 ? nullptr : fdopen(fd.get(), mode));
     if (file != nullptr) {
         (void)fd.release(); // the file's now

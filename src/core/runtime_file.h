@@ -16,4 +16,7 @@
  */
 file_ptr open_runtime_file(const char *path, const char *mode);
 
+/** The same without the buffers of a stream, for what is opened for every frame. */
+unique_fd open_runtime_fd(const char *path, const char *mode);
+
 #endif

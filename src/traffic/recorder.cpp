@@ -23,6 +23,7 @@
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -136,12 +137,19 @@ bool set_members(JSON_Object *line, const traffic_row &row) {
 }
 
 /** Append a line whole or not at all: half a line would make the log unreadable. */
-int append_line(FILE *file, long size, const char *text, const char *end) {
-    if (fputs(text, file) >= 0 && fputs(end, file) >= 0 && fflush(file) == 0) {
+int append_line(int fd, off_t size, std::string_view text) {
+    char end = '\n';
+    const std::array<iovec, 2> parts = {
+        {{const_cast<char *>(text.data()), text.size()}, {&end, sizeof end}}};
+    ssize_t written = 0;
+    do {
+        written = writev(fd, parts.data(), parts.size());
+    } while (written < 0 && errno == EINTR);
+    if (written == static_cast<ssize_t>(text.size() + sizeof end)) {
         return 0;
     }
     // The disk is full; when this fails, too, nothing else can be done.
-    [[maybe_unused]] const int cut = ftruncate(fileno(file), size);
+    [[maybe_unused]] const int cut = ftruncate(fd, size);
     return -5;
 }
 
@@ -150,13 +158,13 @@ long size_of(FILE *file) {
 }
 
 int append_csv_row(int port, const traffic_row &row, size_t json_length) {
-    const file_ptr file = open_runtime_file(csv_path(port).c_str(), "a");
-    if (file == nullptr) {
+    const unique_fd file = open_runtime_fd(csv_path(port).c_str(), "a");
+    if (file.get() < 0) {
         return -5;
     }
-    const long size = size_of(file.get());
+    const off_t size = lseek(file.get(), 0, SEEK_END);
     // Tested with the length of the JSON text, not of the row. On purpose: both files fill alike.
-    if (size + static_cast<long>(json_length) > traffic_file_limit_bytes) {
+    if (size + static_cast<off_t>(json_length) > traffic_file_limit_bytes) {
         set_control_state(port, 0);
         return 0;
     }
@@ -176,7 +184,7 @@ int append_csv_row(int port, const traffic_row &row, size_t json_length) {
                    kind,
                    row.data_length,
                    row.data.data());
-    if (const int result = append_line(file.get(), size, text.data(), "\n"); result != 0) {
+    if (const int result = append_line(file.get(), size, text.data()); result != 0) {
         return result;
     }
     row_counter.store(number + 1, std::memory_order_relaxed);
@@ -191,21 +199,21 @@ int append_both(int port, const traffic_row &row, const char *json_text) {
         return -8;
     }
     const file_lock_ptr lock(taken);
-    const file_ptr file = open_runtime_file(path.c_str(), "a");
-    if (file == nullptr) {
+    const unique_fd file = open_runtime_fd(path.c_str(), "a");
+    if (file.get() < 0) {
         log_write_error(record_function, __LINE__, "open file fail\n");
         return -5;
     }
-    const size_t length = strlen(json_text);
-    const long size = size_of(file.get());
-    if (size + static_cast<long>(length) > traffic_file_limit_bytes) {
+    const std::string_view line = json_text;
+    const off_t size = lseek(file.get(), 0, SEEK_END);
+    if (size + static_cast<off_t>(line.size()) > traffic_file_limit_bytes) {
         set_control_state(port, 0);
         return 0;
     }
-    if (const int result = append_line(file.get(), size, json_text, "\n"); result != 0) {
+    if (const int result = append_line(file.get(), size, line); result != 0) {
         return result;
     }
-    return append_csv_row(port, row, length);
+    return append_csv_row(port, row, line.size());
 }
 
 int read_lines(FILE *file, JSON_Array *lines) {
