@@ -41,7 +41,13 @@ measure() { # NAME COMMAND...
     esac
 }
 
-measure can "$here/arm_guest.sh" receive
+if [ $how = page ]; then
+    measure can "$here/arm_guest.sh" receive transmit recording idle latency
+    measure loss-500 "$here/arm_guest.sh" --shift 1 loss
+    measure loss-250 "$here/arm_guest.sh" --shift 2 loss
+else
+    measure can "$here/arm_guest.sh" receive transmit recording idle
+fi
 for name in configuration rest footprint; do
     measure $name "$here/$name.py"
 done
