@@ -140,6 +140,9 @@ int main(int argc, char **argv) {
     }
     // One heap: what the start of a port leaves free is there for the next, and for requests.
     (void)mallopt(M_ARENA_MAX, 1);
+    // Sets it up while there is one thread, also where a sanitizer has the program's allocations:
+    // port threads give memory back to it, and the first two to do so would set it up twice.
+    (void)malloc_trim(0);
     // What is said there is said when it happens, to a file as to a terminal.
     (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     route_signals();

@@ -102,10 +102,11 @@ private:
     };
 
     void remember() {
-        constexpr std::array<std::array<size_t, 2>, 3> extents = {
+        constexpr std::array<std::array<size_t, 2>, 4> extents = {
             {{0, offsetof(store_layout, tags)},
              {offsetof(store_layout, tags), base_tags * sizeof(tag_slot)},
-             {offsetof(store_layout, names), base_tags * sizeof(tag_name)}}};
+             {offsetof(store_layout, name_heads), base_tags * sizeof(name_head)},
+             {offsetof(store_layout, name_tails), base_tags * sizeof(name_tail)}}};
         const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
         for (const auto &[offset, size] : extents) {
             piece read{static_cast<off_t>(offset), std::vector<char>(size)};
@@ -211,6 +212,15 @@ void damage_bucket(fuzz_input &in, store_layout &map) {
     map.buckets[bucket] = in.flag() ? in.byte() : in.take<uint16_t>();
 }
 
+void damage_name(fuzz_input &in, store_layout &map) {
+    const uint32_t slot = take_slot(in);
+    if (in.flag()) {
+        damage_bytes(in, &map.name_tails[slot], sizeof(name_tail));
+    } else {
+        damage_bytes(in, &map.name_heads[slot], sizeof(name_head));
+    }
+}
+
 void damage_everywhere(fuzz_input &in, store_layout &map) {
     const auto value = in.take<uint16_t>();
     switch (in.below(4)) {
@@ -259,7 +269,7 @@ void damage(fuzz_input &in, store_layout &map) {
         damage_tag(in, map.tags[take_slot(in)]);
         break;
     case 6:
-        damage_bytes(in, &map.names[take_slot(in)], sizeof(tag_name));
+        damage_name(in, map);
         break;
     default:
         damage_everywhere(in, map);
