@@ -303,6 +303,15 @@ struct row {
     counts calls;
 };
 
+/**
+ * libmicrohttpd takes memory for each of its waits. A server thread without any tries again and again
+ * until there is some, so where it is under test it never comes to rest.
+ */
+bool ends_by_itself(const scenario &which, const variant &fault) {
+    const bool memory = fault.name == nullptr;
+    return !(memory && fault.lasting && which.run == run_service_request);
+}
+
 void sweep_one(const scenario &which, const options &how, const std::string &folder, row &to) {
     sweep of_scenario(which, how, folder);
     if (!of_scenario.learn()) {
@@ -311,7 +320,7 @@ void sweep_one(const scenario &which, const options &how, const std::string &fol
     }
     const bool calls_seen = system_calls::missing() == nullptr;
     for (const variant &each : variants) {
-        if (each.name == nullptr && how.calls_only) {
+        if ((each.name == nullptr && how.calls_only) || !ends_by_itself(which, each)) {
             continue;
         }
         if (each.name == nullptr) {

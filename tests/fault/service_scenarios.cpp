@@ -14,6 +14,7 @@
 #include <net/if.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -130,6 +131,7 @@ using life = void (*)(const scenario &scenario, const attempt &attempt, outcome 
 void live_in_child(life lives, const scenario &scenario, const attempt &attempt, outcome &out) {
     const pid_t child = fork();
     if (child == 0) {
+        (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // one that hangs goes with its attempt
         lives(scenario, attempt, out);
         _exit(0);
     }
