@@ -304,8 +304,8 @@ struct row {
 };
 
 /**
- * libmicrohttpd takes memory for each of its waits. A server thread without any tries again and again
- * until there is some, so where it is under test it never comes to rest.
+ * libmicrohttpd takes memory for each of its waits. A server thread without any tries again and
+ * again until there is some, so where it is under test it never comes to rest.
  */
 bool ends_by_itself(const scenario &which, const variant &fault) {
     const bool memory = fault.name == nullptr;
