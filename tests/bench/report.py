@@ -53,7 +53,7 @@ def processor() -> str:
 def machine() -> str:
     rows = (
         ("processor", f"{processor()}, {os.cpu_count()} of them"),
-        ("kernel", f"{platform.system()} {platform.release()}"),
+        ("kernel", f"{platform.system()} {platform.release().split('-')[0]}"),
         ("compiler", output_of("g++", "--version")),
         ("ARM compiler", output_of("arm-linux-gnueabihf-g++", "--version")),
         ("emulator", output_of("qemu-system-arm", "--version")),
@@ -76,6 +76,8 @@ def row_of(group: Group, case: str, quantity: str, peers: list[str]) -> str:
     }
     ours = lines.get("service")
     unit = next(iter(lines.values())).get("unit", "")
+    if unit in quantity.split():
+        unit = ""
     cells = [case, f"{quantity} {unit}".strip(), number(ours["value"]) if ours else "–"]
     for who in peers:
         other = lines.get(who)

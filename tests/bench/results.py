@@ -35,7 +35,8 @@ def add(group: Group, line: dict) -> None:
     if "title" in line:
         group.title = line["title"]
     elif "note" in line:
-        group.notes.append(line["note"])
+        if line["note"] not in group.notes:  # of two runs of a group
+            group.notes.append(line["note"])
     elif "plot" in line:
         group.plots.append(line)
     elif all(key in line for key in MEASURED):

@@ -25,7 +25,7 @@ def measure(report, options) -> None:
     report.line(group=GROUP, title="Doing nothing")
     report.line(group=GROUP, note=(
         "Two ports with a consumed frame each, no frame, no request. A port looks at the stop flag"
-        " once a second, which is prescribed."))
+        " once a second, on purpose."))
     with Service(receive.device_of(1, 4)) as service:
         time.sleep(5)
         before = switches(service)

@@ -112,7 +112,7 @@ def measure(report, options) -> None:
         "A thousand instructions are a microsecond. A frame is sent, at changing distances of 0.3"
         " to 3 ms, and the time taken until another process, woken by the tag store, has read the"
         " value; the floor is the bare loop that puts it in shared memory and wakes the process."
-        " A cyclic transaction is due again its interval after it was sent, as prescribed, so a"
+        " A cyclic transaction is due again its interval after it was sent, on purpose, so a"
         " period is its interval and what the sending takes."))
     with Service(device()):
         measure_both_ways(report, "idle", count)

@@ -52,7 +52,8 @@ def disturb(service: Service) -> None:
     assert status == 200
 
 
-def measure_case(report, name: str, loads, speed: str, seconds: int) -> None:
+def measure_case(report, name: str, loads, speed: str, seconds: int, wanted: bool) -> None:
+    """wanted: no frame may be lost at this speed."""
     with service_of_two_ports() as service:
         senders = [send_paced(port, rate, what, seconds) for port, rate, what in loads]
         time.sleep(0.5)
@@ -62,7 +63,7 @@ def measure_case(report, name: str, loads, speed: str, seconds: int) -> None:
         counted = [service.diagnose(1 + int(port[-1]))["rxCount"] for port, _, _ in loads]
         dropped = b"lost in the receive buffer" in service.log.read_bytes()
     report.value(GROUP, f"{name}, {speed}", "service", "lost frames", f"of {sum(sent)}",
-                 [sum(sent) - sum(counted)], goal={"at_most": 0})
+                 [sum(sent) - sum(counted)], **({"goal": {"at_most": 0}} if wanted else {}))
     report.line(group=GROUP, note=f"{name}, {speed}: sent {sent}, the sender took {cost:.0f} ns of"
                 f" the gateway a frame; the socket dropped {'some' if dropped else 'none'}.")
 
@@ -112,5 +113,5 @@ def measure(report, options) -> None:
         " up. During the run clients read"
         " and import a configuration, and the process stands still for two seconds."))
     for name, loads in CASES:
-        measure_case(report, name, loads, speed, 6)
+        measure_case(report, name, loads, speed, 6, options.shift <= 1)
     measure_rates(report, speed)

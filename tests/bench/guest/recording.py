@@ -61,8 +61,7 @@ def measure_system_calls(report, service: Service) -> None:
     report.line(group=GROUP, note=f"System calls of the service for a recorded frame: {named}."
                 " select and recvfrom take the frame; flock, statx and getpid are the lock on the"
                 " kept file, which must still be the one of that name, and the unlock; openat,"
-                " fcntl64, statx, _llseek, write and close are what stdio does to append to each of"
-                " the two files.")
+                " _llseek, which tells the size, writev and close append to each of the two files.")
 
 
 def measure(report, options) -> None:
