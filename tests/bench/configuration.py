@@ -120,7 +120,7 @@ def drain(node: socket.socket) -> None:
     node.settimeout(60)
 
 
-def count_openings(lines: measuring.Lines, sql: str) -> None:
+def count_openings(options, lines: measuring.Lines, sql: str) -> None:
     """Openings of the working copy and its kin by a start and by an apply."""
     from kt_system.gateway import WORKING_DB, Gateway
 
@@ -133,7 +133,13 @@ def count_openings(lines: measuring.Lines, sql: str) -> None:
         out = pathlib.Path(scratch, "trace")
 
         def openings() -> int:
-            return len(re.findall(r'can_proprietary\.db", O_RDWR', out.read_text("utf-8")))
+            """Once the other port, too, has read its configuration."""
+            counted = -1
+            while (text := out.read_text("utf-8")) and counted != (
+                    now := len(re.findall(r'can_proprietary\.db", O_RDWR', text))):
+                counted = now
+                time.sleep(1)
+            return counted
 
         # With -D the process that is started is the service, not its tracer.
         tracer = ("strace", "-D", "-f", "-e", "trace=openat", "-o", str(out))
@@ -145,7 +151,9 @@ def count_openings(lines: measuring.Lines, sql: str) -> None:
         applied = openings()
         gateway.close()
     lines.value("start", "service", "database opens", started)
-    lines.value("apply", "service", "database opens", applied - started)
+    # Seen to be 7 or 8: no count to be held against another.
+    if not options.check:
+        lines.value("apply", "service", "database opens", applied - started)
 
 
 def main() -> None:
@@ -156,7 +164,7 @@ def main() -> None:
     lines.goal("user instructions", {"against": "sqlite3", "at_most": 1.5}, "import")
     lines.goal("ms of processor", {"against": "sqlite3", "at_most": 1.5}, "import")
     measure_files(options, lines)
-    count_openings(lines, one_frame())
+    count_openings(options, lines, one_frame())
     if not options.check:
         measure_times(lines, "one transaction", one_frame(), 9)
         largest = rest.largest_sql(options)
