@@ -43,11 +43,7 @@ done
 fetch_arm_machine
 begin_run
 {
-    cat <<'END_OF_PORTS'
-for port in can0 can1; do
-    ip link add dev $port type vcan && ip link set up $port || give_up "vcan $port cannot be made"
-done
-END_OF_PORTS
+    arm_ports
     printf 'cd %q && exec /usr/bin/python3 -S tests/bench/guest/run.py ' "$repo"
     printf '%q ' --out "$run/results.jsonl" $check --shift "$shift" "${groups[@]}"
     echo

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Run the benchmarks: each driver writes its group's results to build/bench/<group>.jsonl.
+# Run the benchmarks: each driver writes its group's results to build/bench.
 #   run.sh BIN_DIR ARM_BIN_DIR          everything, and the page docs/performance.md with its plots
 #   run.sh --check BIN_DIR ARM_BIN_DIR  what is counted, held against baseline.json
 #   run.sh --store BIN_DIR ARM_BIN_DIR  the same, stored as the new baseline.json
@@ -15,7 +15,7 @@ esac
 bin=$(realpath -- "$1") arm=$(realpath -m -- "$2")
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 repo=$(cd "$here/../.." && pwd)
-out=$repo/build/bench${how:+/$how}
+out=$repo/build/bench/$how
 export PYTHONDONTWRITEBYTECODE=1 PATH=/usr/bin:$PATH
 
 counted=()

@@ -94,3 +94,12 @@ run_arm_machine() {
         -cpu cortex-a15 -accel tcg -m 768 $shares "$@" -device virtio-blk-pci,drive=root \
         -drive "if=none,id=root,format=raw,readonly=on,file=$cache/root.img"
 }
+
+# Commands for the machine: its CAN ports
+arm_ports() {
+    cat <<'END'
+for port in can0 can1; do
+    ip link add dev $port type vcan && ip link set up $port || give_up "vcan $port cannot be made"
+done
+END
+}

@@ -22,10 +22,6 @@ parse_arguments --bin "$repo/build/armhf/bin" "$@"
 fetch_arm_machine
 
 begin_run
-write_tests arm 6 <<'END'
-for port in can0 can1; do
-    ip link add dev $port type vcan && ip link set up $port || give_up "vcan $port cannot be made"
-done
-END
+write_tests arm 6 < <(arm_ports)
 # shellcheck disable=SC2086 # several arguments
 run_arm_machine -smp "${KT_LANE_A_CPUS:-1}" ${KT_LANE_A_ICOUNT:+-icount "$KT_LANE_A_ICOUNT"}

@@ -35,12 +35,12 @@ PERSISTENT_DB = FOLDERS[0] + "/can_proprietary.db"
 TRACING = pathlib.Path("/sys/kernel/tracing")
 
 SYSTEM_CALLS = {0: "restart_syscall", 3: "read", 4: "write", 5: "open", 6: "close", 19: "lseek",
-                20: "getpid", 54: "ioctl", 91: "munmap", 93: "ftruncate", 108: "fstat", 118:
-                "fsync", 140: "_llseek", 142: "_newselect", 143: "flock", 146: "writev", 192:
-                "mmap2", 194: "ftruncate64", 195: "stat64", 197: "fstat64", 221: "fcntl64", 240:
-                "futex", 263: "clock_gettime", 290: "sendto", 292: "recvfrom", 295: "getsockopt",
-                322: "openat", 335: "pselect6", 397: "statx", 403: "clock_gettime64", 413:
-                "pselect6_time64", 422: "futex_time64"}
+                20: "getpid", 54: "ioctl", 91: "munmap", 93: "ftruncate", 108: "fstat",
+                118: "fsync", 140: "_llseek", 142: "_newselect", 143: "flock", 146: "writev",
+                192: "mmap2", 194: "ftruncate64", 195: "stat64", 197: "fstat64", 221: "fcntl64",
+                240: "futex", 263: "clock_gettime", 290: "sendto", 292: "recvfrom",
+                295: "getsockopt", 322: "openat", 335: "pselect6", 397: "statx",
+                403: "clock_gettime64", 413: "pselect6_time64", 422: "futex_time64"}
 
 
 class Report:
@@ -266,6 +266,18 @@ def counted_system_calls(thread: int):
                 number = int(number.split()[0].rstrip("]"))
                 calls[SYSTEM_CALLS.get(number, f"call {number}")] = int(count)
         trigger.write_text("!" + text)
+
+
+def calls_of_burst(program: Program, count: int) -> dict[str, int]:
+    """System calls of a thread for frames that wait in its socket: they are counted before it goes
+    on, so those frames are all it sees."""
+    program.settle()
+    program.stop()
+    send(count)
+    with counted_system_calls(program.thread) as calls:
+        program.go_on()
+        program.settle()
+    return calls
 
 
 class Allocations:

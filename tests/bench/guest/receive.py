@@ -39,14 +39,8 @@ def measure_service(report, runs: int) -> list[float]:
 
 
 def measure_system_calls(report, service: Service) -> None:
-    """The trigger is set before the thread goes on, so the frames that wait are all it sees."""
     count = 2000
-    service.settle()
-    service.stop()
-    guest.send(count)
-    with guest.counted_system_calls(service.thread) as calls:
-        service.go_on()
-        service.settle()
+    calls = guest.calls_of_burst(service, count)
     report.value(GROUP, FOUR_TAGS, "service", "system calls", "per frame",
                  [round(sum(calls.values()) / count, 2)], goal={"at_most": 2})
     named = ", ".join(f"{name} {number}" for name, number in sorted(calls.items()))

@@ -48,12 +48,7 @@ def per_frame(burst, program, runs: int) -> list[float]:
 def measure_system_calls(report, service: Service) -> None:
     count = 1000
     record(service, 1)
-    service.settle()
-    service.stop()
-    guest.send(count)
-    with guest.counted_system_calls(service.thread) as calls:
-        service.go_on()
-        service.settle()
+    calls = guest.calls_of_burst(service, count)
     record(service, 0)
     report.value(GROUP, CASE, "service", "system calls", "per frame",
                  [round(sum(calls.values()) / count, 2)])
