@@ -133,6 +133,19 @@ inline uint32_t identity_checksum(const store_identity &identity) {
                       offsetof(store_identity, checksum));
 }
 
+/** A value of at most 4 bytes. */
+using short_value = uint32_t;
+
+/**
+ * Store a value into the word of a tag whose values are all short: the upper half is zero and stays
+ * so. On 32-bit ARM the store of a whole word is a loop.
+ */
+inline void store_short(std::atomic<uint64_t> &word, short_value value) {
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the lower half comes first");
+    using half [[gnu::may_alias]] = short_value;
+    __atomic_store_n(reinterpret_cast<half *>(&word), value, __ATOMIC_RELAXED);
+}
+
 inline std::atomic<uint64_t> &value_of(tag_slot &slot, int mode) {
     return slot.value[mode == DX_READ_ONLY ? 0 : 1];
 }

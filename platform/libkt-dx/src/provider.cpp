@@ -13,6 +13,7 @@
 using namespace kt_dx;
 
 struct dx_handle {
+    std::atomic<uint64_t> batch_ms{0}; // time of the first write since the last notify, 0 for none
     store file;
     uint32_t provider = no_slot;
     dx_dispatch dispatch = nullptr;
@@ -20,8 +21,7 @@ struct dx_handle {
     bool thread_started = false;
     std::atomic<bool> stop{false};
     std::atomic<void *> user_data{nullptr};
-    std::atomic<uint64_t> batch_ms{0}; // time of the first write since the last notify, 0 for none
-    std::mutex dispatch_lock;          // held by the dispatch function; guards heads
+    std::mutex dispatch_lock; // held by the dispatch function; guards heads
     dx_entry *heads[DX_INDEX_COUNT] = {};
 };
 
@@ -30,9 +30,10 @@ struct dx_tag {
     tag_slot *slot;
     std::atomic<uint64_t> *value;
     std::atomic<uint32_t> *group; // change counter
-    uint32_t index;               // of the slot
     uint32_t version;
+    uint8_t short_size; // the size of a short value that nobody else writes, else 0
     uint8_t size;
+    uint32_t index; // of the slot
     std::atomic<void *> user_data;
     dx_entry entry;
 };
@@ -210,6 +211,8 @@ void fill_tag(dx_tag &tag, dx_handle &handle, uint32_t index, const tag_request 
     tag.index = index;
     tag.version = tag.slot->version.load(std::memory_order_relaxed);
     tag.size = request.size;
+    tag.short_size =
+        request.mode == DX_READ_ONLY && request.size <= sizeof(short_value) ? request.size : 0;
     dx_entry *&head = handle.heads[index % DX_INDEX_COUNT];
     tag.entry = {&tag, head};
     head = &tag.entry;
@@ -230,35 +233,6 @@ bool still_ours(const dx_tag &tag) {
     return tag.slot->version.load(std::memory_order_relaxed) == tag.version;
 }
 
-template <typename Value>
-uint64_t load_as(const void *data) {
-    Value value;
-    memcpy(&value, data, sizeof value);
-    return value;
-}
-
-uint64_t load_any(const void *data, size_t size) {
-    uint64_t value = 0;
-    memcpy(&value, data, size);
-    return value;
-}
-
-/** The usual sizes in a register, without a call of memcpy(). */
-uint64_t load_value(const void *data, size_t size) {
-    switch (size) {
-    case 1:
-        return load_as<uint8_t>(data);
-    case 2:
-        return load_as<uint16_t>(data);
-    case 4:
-        return load_as<uint32_t>(data);
-    case 8:
-        return load_as<uint64_t>(data);
-    default:
-        return load_any(data, size);
-    }
-}
-
 /** Apart, so that the writes which follow carry none of its registers. */
 [[gnu::noinline]] uint64_t begin_batch(dx_handle &handle) {
     const uint64_t time_ms = stamp_now_ms();
@@ -270,6 +244,38 @@ uint64_t load_value(const void *data, size_t size) {
 uint64_t batch_time_ms(dx_handle &handle) {
     const uint64_t time_ms = handle.batch_ms.load(std::memory_order_relaxed);
     return time_ms != 0 ? time_ms : begin_batch(handle);
+}
+
+/** Any value of any tag. Apart, so that the usual write keeps everything in registers. */
+[[gnu::noinline]] int write_any(dx_handle &handle, dx_tag &tag, const void *data, size_t size) {
+    if (size > tag.size) {
+        return -1;
+    }
+    uint64_t value = 0;
+    memcpy(&value, data, size);
+    tag.value->store(value, std::memory_order_relaxed);
+    tag.slot->stamp_ms.store(batch_time_ms(handle), std::memory_order_relaxed);
+    count_write(*tag.slot, *tag.group);
+    return 0;
+}
+
+/** @retval false the size is not one of the usual ones */
+bool load_short(const void *data, size_t size, short_value *value) {
+    if (size == 2) {
+        uint16_t two = 0;
+        memcpy(&two, data, sizeof two);
+        *value = two;
+        return true;
+    }
+    if (size == 1) {
+        *value = *static_cast<const uint8_t *>(data);
+        return true;
+    }
+    if (size == sizeof *value) {
+        memcpy(value, data, sizeof *value);
+        return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -385,17 +391,25 @@ int dx_tag_read(dx_tag *tag, void *buffer, size_t size) {
 }
 
 int dx_tag_write(dx_handle *handle, dx_tag *tag, const void *data, size_t size) {
-    if (!tag || !data) {
+    if (!tag || !data) [[unlikely]] {
         return -1;
     }
     // A tag has a handle, so a missing one is another one.
-    if (tag->handle != handle || size > tag->size || !still_ours(*tag)) {
+    if (tag->handle != handle || !still_ours(*tag)) {
         return -1;
     }
+    const uint64_t time_ms = handle->batch_ms.load(std::memory_order_relaxed);
+    if (time_ms == 0) [[unlikely]] {
+        return write_any(*handle, *tag, data, size);
+    }
+    short_value value = 0;
+    if (size > tag->short_size || !load_short(data, size, &value)) [[unlikely]] {
+        return write_any(*handle, *tag, data, size);
+    }
     tag_slot &slot = *tag->slot;
-    tag->value->store(load_value(data, size), std::memory_order_relaxed);
-    slot.stamp_ms.store(batch_time_ms(*handle), std::memory_order_relaxed);
-    count_write(slot, *tag->group);
+    store_short(*tag->value, value);
+    slot.stamp_ms.store(time_ms, std::memory_order_relaxed);
+    count_own_write(slot, *tag->group);
     return 0;
 }
 

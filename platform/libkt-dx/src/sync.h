@@ -68,6 +68,13 @@ inline void count_write(tag_slot &slot, std::atomic<uint32_t> &group) {
     group.fetch_add(1, std::memory_order_release);
 }
 
+/** The same for a slot that nobody else writes. */
+inline void count_own_write(tag_slot &slot, std::atomic<uint32_t> &group) {
+    slot.sequence.store(slot.sequence.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_release);
+    group.fetch_add(1, std::memory_order_release);
+}
+
 inline void count_write(store_layout &map, uint32_t index) {
     count_write(map.tags[index], map.header.group_changes[index / group_slots]);
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -150,6 +151,61 @@ TEST_F(dx_provider, writes_up_to_the_value_size_and_fills_with_zero) {
     EXPECT_EQ(dx_tag_read(tag, got, 1), 1);
     EXPECT_EQ(got[0], 0);
     EXPECT_EQ(dx_tag_read(tag, got, 0), 0);
+}
+
+TEST_F(dx_provider, a_value_of_any_size_follows_one_of_any_other) {
+    const handle_ptr handle = new_provider();
+    for (size_t width = 1; width <= DX_VALUE_MAX; ++width) {
+        for (const int mode : {DX_READ_ONLY, DX_WRITE_ONLY}) {
+            const std::string name = std::to_string(width) + "/" + std::to_string(mode);
+            dx_tag *tag = dx_tag_provider_new(handle.get(), name.c_str(), 13, width, mode);
+            const client_ptr client = open_client();
+            const dx_tag_info info = find(client, name);
+            uint32_t writes = 0;
+            for (size_t first = 0; first <= width + 1; ++first) {
+                for (size_t second = 0; second <= width; ++second) {
+                    const uint8_t value[] = {0x81, 0x92, 0xa3, 0xb4, 0xc5, 0xd6, 0xe7, 0xf8, 0x19};
+                    const bool fits = first <= width;
+                    ASSERT_EQ(dx_tag_write(handle.get(), tag, value, first), fits ? 0 : -1);
+                    ASSERT_EQ(dx_tag_write(handle.get(), tag, value, second), 0);
+                    writes += fits ? 2 : 1;
+                    uint8_t wanted[DX_VALUE_MAX] = {};
+                    memcpy(wanted, value, second);
+                    dx_sample sample;
+                    ASSERT_EQ(dx_client_read(client.get(), &info, &sample), DX_OK);
+                    EXPECT_EQ(memcmp(sample.value, wanted, DX_VALUE_MAX), 0)
+                        << name << ' ' << first << ' ' << second;
+                    EXPECT_EQ(sample.sequence, writes);
+                    EXPECT_EQ(dx_tag_notify(handle.get()), 0);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(dx_provider, every_write_counts_where_clients_write_as_well) {
+    constexpr uint32_t each = 20000;
+    const handle_ptr handle = new_provider();
+    dx_tag *tag = dx_tag_provider_new(handle.get(), "shared", 7, 4, DX_WRITE_ONLY);
+    const auto write_as_client = [&] {
+        const client_ptr client = open_client();
+        const dx_tag_info info = find(client, "shared");
+        for (uint32_t i = 0; i < each; ++i) {
+            ASSERT_EQ(dx_client_write(client.get(), &info, &i, sizeof i), DX_OK);
+        }
+    };
+    std::thread first(write_as_client);
+    std::thread second(write_as_client);
+    for (uint32_t i = 0; i < each; ++i) {
+        EXPECT_EQ(dx_tag_write(handle.get(), tag, &i, sizeof i), 0);
+    }
+    first.join();
+    second.join();
+    const client_ptr client = open_client();
+    const dx_tag_info info = find(client, "shared");
+    dx_sample sample;
+    ASSERT_EQ(dx_client_read(client.get(), &info, &sample), DX_OK);
+    EXPECT_EQ(sample.sequence, 3 * each);
 }
 
 TEST_F(dx_provider, refuses_null_and_tags_of_another_handle) {

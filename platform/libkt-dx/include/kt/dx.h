@@ -96,7 +96,7 @@ int dx_tag_read(struct dx_tag *tag, void *buffer, size_t size);
 
 /**
  * Publish a value. Bytes beyond size read as zero. Watchers learn of it at the next
- * dx_tag_notify().
+ * dx_tag_notify(). A read-only tag is written by one thread at a time.
  * @retval  0  written
  * @retval -1  NULL argument, tag of another handle, or size above the value size
  */
