@@ -13,6 +13,9 @@ static_assert(std::endian::native == std::endian::little, "values lie in frames 
 
 namespace {
 
+constexpr uint8_t no_swap = 0;
+constexpr uint8_t swap_pairs = 1;
+
 void reverse_groups(std::span<uint8_t> bytes, size_t group) {
     for (size_t start = 0; start + group <= bytes.size(); start += group) {
         std::reverse(bytes.begin() + static_cast<ptrdiff_t>(start),
@@ -60,8 +63,8 @@ line line_of(const tag_block_config *tag) {
  * @tparam Wide   what the result is saturated to before it is cut to Value
  */
 template <typename Value, typename Wide>
-Value scaled(Value value, const line &line) {
-    const double result = line.offset + static_cast<double>(value) * line.slope;
+Value scaled(Value value, double slope, double offset) {
+    const double result = offset + static_cast<double>(value) * slope;
     if constexpr (std::is_floating_point_v<Value>) {
         return static_cast<Value>(result);
     } else {
@@ -71,22 +74,22 @@ Value scaled(Value value, const line &line) {
 
 /** A block shorter than its type keeps its length: the neighbours are not its own. */
 template <typename Value, typename Wide>
-[[gnu::noinline]] int scale_part(uint8_t *start, size_t length, const line &line) {
+[[gnu::noinline]] int scale_part(uint8_t *start, size_t length, double slope, double offset) {
     Value value{};
     memcpy(&value, start, length);
-    value = scaled<Value, Wide>(value, line);
+    value = scaled<Value, Wide>(value, slope, offset);
     memcpy(start, &value, length);
     return 1;
 }
 
 template <typename Value, typename Wide>
-int scale_as(uint8_t *start, size_t length, const line &line) {
+int scale_as(uint8_t *start, size_t length, double slope, double offset) {
     if (length < sizeof(Value)) [[unlikely]] {
-        return scale_part<Value, Wide>(start, length, line);
+        return scale_part<Value, Wide>(start, length, slope, offset);
     }
     Value value;
     memcpy(&value, start, sizeof value);
-    value = scaled<Value, Wide>(value, line);
+    value = scaled<Value, Wide>(value, slope, offset);
     memcpy(start, &value, sizeof value);
     return 1;
 }
@@ -95,31 +98,35 @@ int scale(uint8_t *start, size_t length, const tag_block_config *tag) {
     if (tag->scalingFunc != SCALING_INTERCEPT && tag->scalingFunc != SCALING_POINTS) {
         return 0;
     }
-    const line line = line_of(tag);
+    const auto [slope, offset] = line_of(tag);
     switch (tag->tagType) {
     case TAG_INT8:
-        return scale_as<int8_t, int32_t>(start, length, line);
+        return scale_as<int8_t, int32_t>(start, length, slope, offset);
     case TAG_INT16:
-        return scale_as<int16_t, int32_t>(start, length, line);
+        return scale_as<int16_t, int32_t>(start, length, slope, offset);
     case TAG_INT32:
-        return scale_as<int32_t, int32_t>(start, length, line);
+        return scale_as<int32_t, int32_t>(start, length, slope, offset);
     case TAG_INT64:
-        return scale_as<int64_t, int64_t>(start, length, line);
+        return scale_as<int64_t, int64_t>(start, length, slope, offset);
     case TAG_UINT8:
-        return scale_as<uint8_t, uint32_t>(start, length, line);
+        return scale_as<uint8_t, uint32_t>(start, length, slope, offset);
     case TAG_UINT16:
-        return scale_as<uint16_t, uint32_t>(start, length, line);
+        return scale_as<uint16_t, uint32_t>(start, length, slope, offset);
     case TAG_UINT32:
-        return scale_as<uint32_t, uint32_t>(start, length, line);
+        return scale_as<uint32_t, uint32_t>(start, length, slope, offset);
     case TAG_UINT64:
-        return scale_as<uint64_t, uint64_t>(start, length, line);
+        return scale_as<uint64_t, uint64_t>(start, length, slope, offset);
     case TAG_FLOAT:
-        return scale_as<float, float>(start, length, line);
+        return scale_as<float, float>(start, length, slope, offset);
     case TAG_DOUBLE:
-        return scale_as<double, double>(start, length, line);
+        return scale_as<double, double>(start, length, slope, offset);
     default:
         return 0;
     }
+}
+
+bool is_scaled(const tag_block_config *tag) {
+    return tag->scalingFunc != SCALING_NONE && tag->tagType != TAG_RAW;
 }
 
 std::array<uint8_t, sizeof(uint64_t)> little_endian(uint64_t value) {
@@ -130,7 +137,7 @@ std::array<uint8_t, sizeof(uint64_t)> little_endian(uint64_t value) {
 
 void codec_swap(std::span<uint8_t> bytes, uint8_t mode) {
     switch (mode) {
-    case 1:
+    case swap_pairs:
         reverse_groups(bytes, 2);
         break;
     case 2:
@@ -155,16 +162,23 @@ int codec_scale(std::span<uint8_t> bytes, const tag_block_config *tag) {
     return scale(bytes.data(), bytes.size(), tag);
 }
 
-void codec_decode(uint8_t *start, size_t length, const tag_block_config *tag) {
-    constexpr uint8_t no_swap = 0;
-    constexpr uint8_t pairs = 1;
-    if (tag->swap == pairs && length == 2) {
-        std::swap(start[0], start[1]); // by far the most frequent kind
-    } else if (tag->swap != no_swap) {
-        codec_swap({start, length}, tag->swap);
+uint8_t codec_decoding(const tag_block_config *tag, size_t length) {
+    const uint8_t scaling = is_scaled(tag) ? DECODE_SCALE : DECODE_NOTHING;
+    if (tag->swap == no_swap || length < 2) {
+        return scaling;
     }
-    if (tag->scalingFunc != SCALING_NONE && tag->tagType != TAG_RAW) {
-        (void)scale(start, length, tag);
+    return scaling | (tag->swap == swap_pairs && length == 2 ? DECODE_PAIR : DECODE_SWAP);
+}
+
+void codec_decode(const function_block_info *block, uint8_t *start) {
+    if ((block->decoding & DECODE_PAIR) != 0) {
+        std::swap(start[0], start[1]);
+    }
+    if ((block->decoding & DECODE_SWAP) != 0) [[unlikely]] {
+        codec_swap({start, block->length}, block->data->config->swap);
+    }
+    if ((block->decoding & DECODE_SCALE) != 0) {
+        (void)scale(start, block->length, block->data->config);
     }
 }
 

@@ -22,9 +22,11 @@ void codec_swap(std::span<uint8_t> bytes, uint8_t mode);
  */
 int codec_scale(std::span<uint8_t> bytes, const tag_block_config *tag);
 
-/** What a received block goes through: swapped, then scaled. Two words, not a span: for every tag.
- */
-void codec_decode(uint8_t *start, size_t length, const tag_block_config *tag);
+/** What a received block of that length goes through: block_decoding values, added up. */
+uint8_t codec_decoding(const tag_block_config *tag, size_t length);
+
+/** Do it in place, to the bytes of the block in a received frame. */
+void codec_decode(const function_block_info *block, uint8_t *start);
 
 /** Lay a constant into a frame's data buffer, least significant byte first. */
 void codec_lay_constant(frame_buffer &buffer, const constant_block_config *constant);

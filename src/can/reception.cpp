@@ -57,6 +57,9 @@ bool is_good(const frame_info *expected, uint8_t dlc, const frame_buffer &data) 
     if (dlc != expected->config->dataLength) {
         return false;
     }
+    if (!expected->has_constants) {
+        return true;
+    }
     for (const function_block_info *block = expected->blocks; block != nullptr;
          block = block->next) {
         if (block->kind == BLOCK_CONSTANT && !codec_match_constant(data, block->constant)) {
@@ -85,10 +88,11 @@ void publish(const frame_info *expected, frame_buffer &data) {
         if (block->kind != BLOCK_TAG) {
             continue;
         }
-        const tag_block_config *tag = block->data->config;
-        const std::span<uint8_t> bytes = block_bytes(data, tag->startOffset, tag->tagSize);
-        codec_decode(bytes.data(), bytes.size(), tag);
-        (void)can_proprietary_tag_write(block->data->tag->tag, bytes);
+        uint8_t *start = data.data() + block->start;
+        if (block->decoding != DECODE_NOTHING) {
+            codec_decode(block, start);
+        }
+        (void)can_proprietary_tag_write(block->tag, {start, block->length});
     }
     can_proprietary_tag_commit();
 }

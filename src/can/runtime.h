@@ -63,10 +63,22 @@ struct data_info {
     const tag_block_config *config;
 };
 
+/** What a received block goes through before it is published, in this order. */
+enum block_decoding : uint8_t {
+    DECODE_NOTHING = 0,
+    DECODE_PAIR = 1, /* two bytes change places: by far the most frequent swap */
+    DECODE_SWAP = 2, /* any other */
+    DECODE_SCALE = 4
+};
+
 struct function_block_info {
     uint8_t kind;                          /* block_type */
-    const constant_block_config *constant; /* BLOCK_CONSTANT */
+    uint8_t decoding;                      /* block_decoding; this and the next three are what a */
+    uint8_t start;                         /* received frame needs of a BLOCK_TAG */
+    uint8_t length;                        /* bytes from start, within the buffer */
+    dx_tag *tag;                           /* nullptr when the tag service did not take it */
     data_info *data;                       /* BLOCK_TAG */
+    const constant_block_config *constant; /* BLOCK_CONSTANT */
     function_block_info *next;
 };
 
@@ -74,6 +86,7 @@ struct frame_info {
     frame_buffer data;
     const frame_config *config;
     function_block_info *blocks;
+    bool has_constants;
     frame_info *next;
 };
 

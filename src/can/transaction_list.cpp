@@ -91,6 +91,16 @@ int provider_mode(const char *access) {
     return strcmp(access, "wo") == 0 ? 2 : -1;
 }
 
+/** What a received frame needs of the block. */
+void prepare_block(frame_info *frame, function_block_info *block) {
+    const tag_block_config *config = block->data->config;
+    const std::span<uint8_t> bytes = block_bytes(frame->data, config->startOffset, config->tagSize);
+    block->start = static_cast<uint8_t>(bytes.data() - frame->data.data());
+    block->length = static_cast<uint8_t>(bytes.size());
+    block->decoding = codec_decoding(config, bytes.size());
+    block->tag = block->data->tag->tag;
+}
+
 int build_tag(can_module *module,
               trans_list_node *node,
               frame_info *frame,
@@ -123,6 +133,7 @@ int build_tag(can_module *module,
     }
     (void)can_proprietary_tag_register(data->tag, config, mode); // the port serves without it
     free(std::exchange(data->tag->name, nullptr));               // the tag service has it now
+    prepare_block(frame, block);
     return 0;
 }
 
@@ -141,6 +152,7 @@ int build_block(can_module *module,
     switch (config->blockType) {
     case BLOCK_CONSTANT:
         block->constant = config->constant;
+        frame->has_constants = true;
         codec_lay_constant(frame->data, config->constant);
         return 0;
     case BLOCK_TAG:

@@ -226,13 +226,15 @@ bool is_awaiting(const can_module *module, list_id queue) {
 }
 
 void dx_request_send_handler(can_module *module) {
-    if (!is_awaiting(module, REQUEST_CYCLIC_QUEUE)) {
+    if (head_of(module, REQUEST_CHANGE_QUEUE) != nullptr &&
+        !is_awaiting(module, REQUEST_CYCLIC_QUEUE)) {
         request_step(module, {__func__, REQUEST_CHANGE_QUEUE, module->change_request});
     }
 }
 
 void cyclic_request_send_handler(can_module *module) {
-    if (!is_awaiting(module, REQUEST_CHANGE_QUEUE)) {
+    if (head_of(module, REQUEST_CYCLIC_QUEUE) != nullptr &&
+        !is_awaiting(module, REQUEST_CHANGE_QUEUE)) {
         request_step(module, {__func__, REQUEST_CYCLIC_QUEUE, module->cyclic_request});
     }
 }

@@ -280,6 +280,53 @@ TEST(codec, an_empty_block_is_scaled_without_touching_memory) {
     EXPECT_EQ(byte, 5);
 }
 
+/** What was worked out when the port started does to a block what its configuration says. */
+TEST(codec, a_prepared_block_is_swapped_then_scaled) {
+    for (unsigned swap = 0; swap <= 6; swap++) {
+        for (int type = TAG_INT8; type <= TAG_RAW; type++) {
+            for (uint8_t function = 0; function <= 3; function++) {
+                for (uint8_t length = 0; length <= 8; length++) {
+                    tag_block_config tag{};
+                    tag.swap = static_cast<uint8_t>(swap);
+                    tag.tagType = static_cast<uint8_t>(type);
+                    tag.scalingFunc = function;
+                    tag.scaling = {2, 5, 7, 11};
+                    data_info data{};
+                    data.config = &tag;
+                    function_block_info block{};
+                    block.data = &data;
+                    block.length = length;
+                    block.decoding = codec_decoding(&tag, length);
+                    const std::vector<uint8_t> source = {1, 2, 3, 4, 5, 6, 7, 8};
+                    std::vector<uint8_t> decoded = source;
+                    codec_decode(&block, decoded.data());
+                    std::vector<uint8_t> wanted = source;
+                    codec_swap({wanted.data(), length}, tag.swap);
+                    if (type != TAG_RAW) {
+                        (void)codec_scale({wanted.data(), length}, &tag);
+                    }
+                    EXPECT_EQ(decoded, wanted)
+                        << swap << ' ' << type << ' ' << int{function} << ' ' << int{length};
+                }
+            }
+        }
+    }
+}
+
+TEST(codec, a_block_that_stays_as_it_is_needs_nothing) {
+    tag_block_config tag{};
+    tag.tagType = TAG_UINT16;
+    EXPECT_EQ(codec_decoding(&tag, 2), DECODE_NOTHING);
+    tag.swap = 1;
+    EXPECT_EQ(codec_decoding(&tag, 2), DECODE_PAIR);
+    EXPECT_EQ(codec_decoding(&tag, 1), DECODE_NOTHING);
+    EXPECT_EQ(codec_decoding(&tag, 4), DECODE_SWAP);
+    tag.scalingFunc = SCALING_POINTS;
+    EXPECT_EQ(codec_decoding(&tag, 2), DECODE_PAIR | DECODE_SCALE);
+    tag.tagType = TAG_RAW;
+    EXPECT_EQ(codec_decoding(&tag, 2), DECODE_PAIR);
+}
+
 std::string laid(const char *text, uint8_t size, uint8_t offset) {
     const auto buffer = std::make_unique<frame_buffer>();
     const constant_block_config constant{0, 0, nullptr, offset, size, parse_constant_value(text)};

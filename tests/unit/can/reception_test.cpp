@@ -2,6 +2,7 @@
 #include "can_port_fixture.h"
 
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace {
 
@@ -203,16 +204,15 @@ TEST_F(reception, a_missing_tag_is_printed_and_does_not_stop_the_others) {
     can_add_tag(frame, "a", TAG_UINT8, 1, 0);
     can_add_tag(frame, "b", TAG_UINT8, 1, 1);
     build();
-    tag_info *missing = tag_of("c")->tag;
-    dx_tag *kept = missing->tag;
-    missing->tag = nullptr;
+    dx_tag *&missing = info("c")->frames->blocks->tag;
+    dx_tag *kept = std::exchange(missing, nullptr);
     (void)can_proprietary_update_status_tag(0, DEVICE_COMMUNICATING);
     can_lines lines;
     const std::string output = can_output_of([&] { lines = take_again(0x10, {1, 2}); });
     EXPECT_EQ(output, "can_proprietary_tag_write: dx_tag is NULL!\n");
     EXPECT_THAT(lines,
                 ElementsAre("result c success", "write can_proprietary/dev/c_b 02", "commit"));
-    missing->tag = kept;
+    missing = kept;
 }
 
 TEST_F(reception, succeeds_where_the_tag_service_takes_no_values) {
