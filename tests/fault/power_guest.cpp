@@ -46,8 +46,6 @@ void check(bool done, const std::string &what) {
     expect(done, what + ": " + strerror(errno));
 }
 
-// Configurations as words --------------------------------------------------------------------
-
 std::string words_of(const content &holds) {
     std::string text = std::to_string(holds.imported) + ":" + std::to_string(holds.extras);
     for (uint32_t i = 0; i < holds.extras; i++) {
@@ -76,8 +74,6 @@ content content_from(const std::string &words) {
     }
     return holds;
 }
-
-// The machine --------------------------------------------------------------------------------
 
 void load_module(const std::string &name) {
     utsname kernel{};
@@ -159,8 +155,6 @@ int wait_ready(pid_t service) {
         (void)usleep(2000); // looked again
     }
 }
-
-// What it does ---------------------------------------------------------------------------------
 
 /** The configuration that this start came up with, one of those that the last one may have left. */
 configuration judge() {

@@ -42,9 +42,6 @@ LIBC = ctypes.CDLL(None, use_errno=True)
 BEHAVIOURS = {}
 
 
-# ------------------------------------------------------------------ running in a world
-
-
 class Agent:
     def __init__(self):
         self.process = subprocess.Popen(
@@ -107,9 +104,6 @@ def agent_main():
         except BaseException:
             failure = traceback.format_exc()
         print(json.dumps(failure), file=answers, flush=True)
-
-
-# ------------------------------------------------------------------ helpers
 
 
 def wait_for(condition, what):
@@ -243,9 +237,6 @@ class Candump:
         self.process.stdout.close()
 
 
-# ------------------------------------------------------------------ unmodified programs
-
-
 @behaviour
 def test_candump_shows_what_cansend_sends():
     with Candump("can0") as dump:
@@ -333,9 +324,6 @@ def test_python_can_receives_an_error_frame():
         assert command("cansend", "can0", "20000040#0000000000000000").returncode == 0
         message = bus.recv(DEADLINE_S)
     assert message.is_error_frame and message.arbitration_id == 0x40
-
-
-# ------------------------------------------------------------------ what a socket receives
 
 
 @behaviour
@@ -461,9 +449,6 @@ def test_socket_says_what_it_is():
                      lambda: sock.shutdown(socket.SHUT_RDWR)):
             assert error_of(call) == "ENOTSUP"
     assert error_of(socket.socket, socket.AF_CAN, socket.SOCK_DGRAM, socket.CAN_RAW) == "EPROTOTYPE"
-
-
-# ------------------------------------------------------------------ calls
 
 
 @behaviour
@@ -629,9 +614,6 @@ def test_default_receive_buffer_holds_as_much_as_a_kernels():
         assert 250 <= 1000 - meminfo(receiver)[MEMINFO_DROPS] <= 280
 
 
-# ------------------------------------------------------------------ descriptors and processes
-
-
 @behaviour
 def test_descriptors_are_duplicated_and_closed():
     sock = can_socket()
@@ -736,9 +718,6 @@ def test_many_threads_share_a_socket():
         assert all(numbers == list(range(each)) for numbers in seen.values())
 
 
-# ------------------------------------------------------------------ link state
-
-
 @behaviour
 def test_link_down_is_told_once_and_up_again_works_without_bind():
     with can_socket() as sock, can_socket("can0") as idle, can_socket("") as any_port, \
@@ -835,9 +814,6 @@ def test_ip_shows_the_link():
         assert {"lo", "can0", "can1"} <= set(names)
         listed = command("ip", "-o", "link", "list", "up").stdout
         assert (" can0:" in listed) == up and " can1:" in listed
-
-
-# ------------------------------------------------------------------ kt-softcan itself
 
 
 softcan_only = pytest.mark.skipif(ON_KERNEL, reason="about kt-softcan, not about a kernel")

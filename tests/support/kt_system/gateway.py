@@ -88,8 +88,6 @@ class Gateway(Observer):
         self._log_start = 0
         self.fresh()
 
-    # Files -------------------------------------------------------------------------------------
-
     def path(self, absolute: str) -> pathlib.Path:
         return pathlib.Path(self.root + absolute)
 
@@ -126,8 +124,6 @@ class Gateway(Observer):
             return db.execute(sql, values).fetchall()
         finally:
             db.close()
-
-    # The process -------------------------------------------------------------------------------
 
     def start(self, *, wait: bool = True, environment: dict | None = None, wrapper=()) -> None:
         """Start the service; with wait, return when every port thread runs its loop.
@@ -223,8 +219,6 @@ class Gateway(Observer):
         else:
             self.wait_exit(0)
 
-    # What it says ------------------------------------------------------------------------------
-
     @property
     def stderr(self) -> str:
         """Standard error of every start so far, colour codes included."""
@@ -251,8 +245,6 @@ class Gateway(Observer):
             timeout,
             lambda: f"message {text!r} of {function}, only {self.messages}",
         )
-
-    # ------------------------------------------------------------------------------------------
 
     def _environment(self) -> dict[str, str]:
         variables = {**os.environ, **lane.sanitizer_environment()}
