@@ -53,13 +53,7 @@ frame_info *expected_frame(const trans_list_node *node) {
     }
 }
 
-bool is_good(const frame_info *expected, uint8_t dlc, const frame_buffer &data) {
-    if (dlc != expected->config->dataLength) {
-        return false;
-    }
-    if (!expected->has_constants) {
-        return true;
-    }
+bool matches_constants(const frame_info *expected, const frame_buffer &data) {
     for (const function_block_info *block = expected->blocks; block != nullptr;
          block = block->next) {
         if (block->kind == BLOCK_CONSTANT && !codec_match_constant(data, block->constant)) {
@@ -67,6 +61,14 @@ bool is_good(const frame_info *expected, uint8_t dlc, const frame_buffer &data) 
         }
     }
     return true;
+}
+
+bool is_good(const transaction_info *info,
+             const frame_info *expected,
+             uint8_t dlc,
+             const frame_buffer &data) {
+    return dlc == expected->config->dataLength &&
+           (!info->has_constants || matches_constants(expected, data));
 }
 
 /** The frame's bytes; zeros beyond them, whatever the sender left there. */
@@ -115,7 +117,7 @@ void can_proprietary_receive_data(can_module *module, const can_frame &frame) {
         info->config->consumeToutEnable != 0) {
         info->deadline = sys_clock_ms() + info->config->consumeTimeout;
     }
-    if (!is_good(expected, frame.len, data)) {
+    if (!is_good(info, expected, frame.len, data)) {
         set_result(module, info, RESULT_FAILED);
         return;
     }

@@ -86,7 +86,6 @@ struct frame_info {
     frame_buffer data;
     const frame_config *config;
     function_block_info *blocks;
-    bool has_constants;
     frame_info *next;
 };
 
@@ -95,7 +94,8 @@ struct transaction_info {
     uint8_t data_changed;
     uint8_t state; /* request_state */
     uint8_t retry_count;
-    bool all_in_fault; /* as of the last check of its fault protection */
+    bool all_in_fault;  /* as of the last check of its fault protection */
+    bool has_constants; /* some of its frames have */
     uint32_t diag_slot;
     uint32_t deadline; /* of the response, or of the consumed frame */
     uint32_t next_send;

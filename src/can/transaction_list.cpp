@@ -152,7 +152,7 @@ int build_block(can_module *module,
     switch (config->blockType) {
     case BLOCK_CONSTANT:
         block->constant = config->constant;
-        frame->has_constants = true;
+        node->transaction->has_constants = true;
         codec_lay_constant(frame->data, config->constant);
         return 0;
     case BLOCK_TAG:
