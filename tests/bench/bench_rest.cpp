@@ -25,7 +25,9 @@
  * SQLite operations that it cannot do without: a connection opened as the service opens it, and the
  * statements that the handler executes, each text prepared once.
  *
- *   bench_rest [--size DEVICES,TRANSACTIONS] [--runs N] [--growth]
+ *   bench_rest [--size DEVICES,TRANSACTIONS] [--runs N] [--only TEXT] [--growth]
+ *
+ * --only measures the requests with that text in their names.
  *
  * Under callgrind every handler and every floor runs once and becomes a part of the output, named
  * "WHO/CASE".
@@ -315,10 +317,14 @@ private:
 struct options {
     configuration_size size = largest_size;
     int runs = 9;
+    std::string_view only;
     bool growth = false;
 };
 
 void measure(const bench_gateway &gateway, const request &request, const options &options) {
+    if (std::string_view(request.name).find(options.only) == std::string_view::npos) {
+        return;
+    }
     const std::string size = options.size.devices == largest_size.devices
                                  ? ""
                                  : ", " + std::to_string(options.size.tags()) + " tags";
@@ -407,13 +413,16 @@ options read_options(int argc, char **argv) {
             options.growth = true;
         } else if (word == "--runs" && i + 1 < argc) {
             options.runs = atoi(argv[++i]);
+        } else if (word == "--only" && i + 1 < argc) {
+            options.only = argv[++i];
         } else if (word == "--size" && i + 1 < argc &&
                    sscanf(
                        argv[i + 1], "%d,%d", &options.size.devices, &options.size.transactions) ==
                        2) {
             i++;
         } else {
-            give_up("usage: bench_rest [--size DEVICES,TRANSACTIONS] [--runs N] [--growth]");
+            give_up("usage: bench_rest [--size DEVICES,TRANSACTIONS] [--runs N] [--only TEXT] "
+                    "[--growth]");
         }
     }
     return options;
