@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -77,7 +78,8 @@ bool add_disposition(MHD_Response *response, const char *name) {
            add_header(response, "Content-Disposition", text);
 }
 
-int put(const void *data, size_t length, const char *download_name) {
+// @param download_name  of good length, empty for JSON
+int put(const void *data, size_t length, std::string_view download_name) {
     auto *copy = static_cast<char *>(malloc(length > 0 ? length : 1));
     if (!copy) {
         return REST_NO_MEMORY;
@@ -89,7 +91,8 @@ int put(const void *data, size_t length, const char *download_name) {
     current->data = copy;
     current->length = length;
     current->is_written = true;
-    (void)snprintf(current->download_name, sizeof current->download_name, "%s", download_name);
+    current->download_name[download_name.copy(current->download_name, REST_DOWNLOAD_NAME_MAX)] =
+        '\0';
     return REST_OK;
 }
 

@@ -1,7 +1,5 @@
 #include "routes.h"
 
-#include <cstring>
-
 namespace {
 
 struct method_name {
@@ -31,9 +29,11 @@ bool is_path(std::string_view path) {
     return true;
 }
 
+// Most rows differ in what is looked at first.
 bool matches(std::string_view registered, std::string_view path) {
-    return path.starts_with(registered) &&
-           (path.size() == registered.size() || path[registered.size()] == '/');
+    return (path.size() == registered.size() ||
+            (path.size() > registered.size() && path[registered.size()] == '/')) &&
+           path.starts_with(registered);
 }
 
 } // namespace
@@ -52,7 +52,8 @@ int routes_add(route_table &table, std::string_view path, int method, rest_callb
         return REST_TABLE_FULL;
     }
     route &row = table.rows[table.count];
-    row.path[path.copy(row.path, path.size())] = '\0';
+    row.length = path.copy(row.path, path.size());
+    row.path[row.length] = '\0';
     row.method = method;
     row.callback = callback;
     ++table.count;
@@ -65,12 +66,11 @@ route_match routes_find(route_table &table, std::string_view path, int method) {
     const std::lock_guard lock(table.mutex);
     for (size_t i = 0; i < table.count; ++i) {
         const route &row = table.rows[i];
-        const size_t length = strlen(row.path);
-        if (length < longest || !matches({row.path, length}, path)) {
+        if (row.length < longest || !matches({row.path, row.length}, path)) {
             continue;
         }
-        if (length > longest) {
-            longest = length;
+        if (row.length > longest) {
+            longest = row.length;
             found = {};
         }
         found.methods |= 1u << row.method;

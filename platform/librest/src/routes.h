@@ -9,6 +9,7 @@
 
 struct route {
     char path[REST_PATH_MAX + 1];
+    size_t length; // of the path
     int method;
     rest_callback callback;
 };
