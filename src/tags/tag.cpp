@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 
@@ -26,8 +27,22 @@ struct dx_user {
 
 dx_user user;
 
-bool is_set(const uint8_t *bitmap, unsigned index) {
-    return (bitmap[index / 8] >> (index % 8) & 1U) != 0;
+/** Bits of a bitmap that are looked at together: usually one of them all is set. */
+constexpr unsigned group_bits = 32;
+static_assert(DX_INDEX_COUNT % group_bits == 0);
+
+/** Put together from bytes, as the bitmap is defined; the compiler makes it one load. */
+uint32_t group_of(const uint8_t *bitmap, unsigned first) {
+    const uint8_t *bytes = bitmap + first / 8;
+    return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+}
+
+void dispatch_index(dx_handle *handle, const dx_user &registered, unsigned index) {
+    for (dx_entry *entry = dx_lookup_head(handle, index); entry != nullptr; entry = entry->next) {
+        if (entry->tag != nullptr && dx_tag_has_read(entry->tag) == 0) {
+            registered.callback(entry->tag);
+        }
+    }
 }
 
 void dispatch(dx_handle *handle, const uint8_t *bitmap) {
@@ -35,15 +50,10 @@ void dispatch(dx_handle *handle, const uint8_t *bitmap) {
     if (registered == nullptr || registered->callback == nullptr) {
         return;
     }
-    for (unsigned index = 0; index < DX_INDEX_COUNT; index++) {
-        if (!is_set(bitmap, index)) {
-            continue;
-        }
-        for (dx_entry *entry = dx_lookup_head(handle, index); entry != nullptr;
-             entry = entry->next) {
-            if (entry->tag != nullptr && dx_tag_has_read(entry->tag) == 0) {
-                registered->callback(entry->tag);
-            }
+    for (unsigned first = 0; first < DX_INDEX_COUNT; first += group_bits) {
+        for (uint32_t group = group_of(bitmap, first); group != 0; group &= group - 1) {
+            const auto lowest = static_cast<unsigned>(std::countr_zero(group));
+            dispatch_index(handle, *registered, first + lowest);
         }
     }
 }

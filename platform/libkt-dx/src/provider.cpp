@@ -44,15 +44,16 @@ constexpr size_t type_width[] = {0, 1, 2, 4, 8, 1, 2, 4, 8, 4, 8};
 
 bool take_changes(provider_slot &place, uint8_t (&bitmap)[DX_BITMAP_BYTES]) {
     bool any = false;
+    memset(bitmap, 0, sizeof bitmap);
     for (uint32_t i = 0; i < bitmap_words; ++i) {
-        uint32_t word = place.changed[i].load(std::memory_order_relaxed);
-        if (word != 0) {
-            word = place.changed[i].exchange(0, std::memory_order_acq_rel);
-            any = true;
+        if (place.changed[i].load(std::memory_order_relaxed) == 0) {
+            continue;
         }
+        const uint32_t word = place.changed[i].exchange(0, std::memory_order_acq_rel);
         for (uint32_t byte = 0; byte < 4; ++byte) {
             bitmap[i * 4 + byte] = static_cast<uint8_t>(word >> (8 * byte));
         }
+        any = true;
     }
     return any;
 }

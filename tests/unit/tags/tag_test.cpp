@@ -321,7 +321,7 @@ protected:
 };
 
 TEST_F(tag_dispatch, looks_at_the_indices_whose_bit_is_set) {
-    for (const unsigned index : {0U, 7U, 8U, 1023U}) {
+    for (const unsigned index : {0U, 7U, 8U, 31U, 32U, 1023U}) {
         can_dx_put_silently("t", {1, 2});
         can_dx_move(info.tag, index);
         can_dx_deliver((index + 1) % DX_INDEX_COUNT);
