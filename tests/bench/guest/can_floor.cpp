@@ -3,6 +3,9 @@
 //   can-floor receive PORT         wait for the socket and an eventfd, take one frame
 //   can-floor share PORT FILE      the same, and put the data where another process waits for it
 //   can-floor record PORT PREFIX   the same, and append a line to each of two files below a lock
+//   can-floor send PORT FILE       a thread takes what another process put there and wakes the one
+//                                  that waits for the socket and an eventfd, which sends it
+//   can-floor pipe PORT FIFO       the same without the thread: the wait is for the FIFO itself
 
 #include "can_socket.h"
 #include "shared_value.h"
@@ -16,19 +19,34 @@
 #include <string_view>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/stat.h>
+#include <thread>
 
 namespace {
 
-/** The two system calls that a received frame takes. */
-bool next_frame(int socket, int event, can_frame *frame) {
+constexpr canid_t sent_id = 0x200;
+
+/** Whether there is something to read after a wait for either. */
+bool wait_for_either(int socket, int event, int wanted) {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(socket, &readable);
     FD_SET(event, &readable);
     timeval timeout{1, 0};
     return select(std::max(socket, event) + 1, &readable, nullptr, nullptr, &timeout) > 0 &&
-           FD_ISSET(socket, &readable) &&
+           FD_ISSET(wanted, &readable);
+}
+
+/** The precedence that the service gives its port threads. */
+void precede_others() {
+    (void)setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), -5);
+}
+
+/** The two system calls that a received frame takes. */
+bool next_frame(int socket, int event, can_frame *frame) {
+    return wait_for_either(socket, event, socket) &&
            recvfrom(socket, frame, sizeof *frame, MSG_DONTWAIT, nullptr, nullptr) ==
                static_cast<ssize_t>(sizeof *frame);
 }
@@ -47,6 +65,7 @@ bool next_frame(int socket, int event, can_frame *frame) {
     const int socket = open_can(port);
     const int event = eventfd(0, EFD_CLOEXEC);
     shared_value *shared = map_shared_value(path);
+    precede_others();
     can_frame frame;
     while (true) {
         if (next_frame(socket, event, &frame)) {
@@ -55,6 +74,78 @@ bool next_frame(int socket, int event, can_frame *frame) {
             shared->value.store(value, std::memory_order_relaxed);
             shared->changes.fetch_add(1, std::memory_order_release);
             (void)syscall(SYS_futex, &shared->changes, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+        }
+    }
+}
+
+void send_value(int socket, const sockaddr_can &address, uint64_t value) {
+    can_frame frame{};
+    frame.can_id = sent_id;
+    frame.len = sizeof value;
+    memcpy(frame.data, &value, sizeof value);
+    (void)sendto(socket,
+                 &frame,
+                 sizeof frame,
+                 MSG_DONTWAIT,
+                 reinterpret_cast<const sockaddr *>(&address),
+                 sizeof address);
+}
+
+sockaddr_can address_of(const char *port) {
+    sockaddr_can address{};
+    address.can_family = AF_CAN;
+    address.can_ifindex = static_cast<int>(if_nametoindex(port));
+    return address;
+}
+
+/** Wakes the event's reader for each value that another process left in the shared word. */
+[[noreturn]] void hand_on(shared_value *shared, std::atomic<uint64_t> *taken, int event) {
+    uint32_t seen = shared->changes.load(std::memory_order_acquire);
+    while (true) {
+        (void)syscall(SYS_futex, &shared->changes, FUTEX_WAIT, seen, nullptr, nullptr, 0);
+        const uint32_t changes = shared->changes.load(std::memory_order_acquire);
+        if (changes == seen) {
+            continue;
+        }
+        seen = changes;
+        taken->store(shared->value.load(std::memory_order_relaxed), std::memory_order_release);
+        constexpr uint64_t once = 1;
+        if (write(event, &once, sizeof once) != static_cast<ssize_t>(sizeof once)) {
+            fail("write");
+        }
+    }
+}
+
+[[noreturn]] void send(const char *port, const char *path) {
+    const int socket = open_can(port);
+    const int event = eventfd(0, EFD_CLOEXEC);
+    const sockaddr_can address = address_of(port);
+    std::atomic<uint64_t> taken{0};
+    const std::thread thread(hand_on, map_shared_value(path), &taken, event);
+    precede_others();
+    uint64_t count = 0;
+    while (true) {
+        if (wait_for_either(socket, event, event) &&
+            read(event, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+            send_value(socket, address, taken.load(std::memory_order_acquire));
+        }
+    }
+}
+
+[[noreturn]] void send_from_pipe(const char *port, const char *path) {
+    const int socket = open_can(port);
+    const sockaddr_can address = address_of(port);
+    (void)mkfifo(path, 0666);
+    const int fifo = open(path, O_RDWR | O_CLOEXEC);
+    if (fifo < 0) {
+        fail(path);
+    }
+    precede_others();
+    uint64_t value = 0;
+    while (true) {
+        if (wait_for_either(socket, fifo, fifo) &&
+            read(fifo, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
+            send_value(socket, address, value);
         }
     }
 }
@@ -169,6 +260,14 @@ int main(int argc, char **argv) {
     if (what == "record" && argc == 4) {
         record(argv[2], argv[3]);
     }
-    (void)fprintf(stderr, "usage: can-floor receive PORT | share PORT FILE | record PORT PREFIX\n");
+    if (what == "send" && argc == 4) {
+        send(argv[2], argv[3]);
+    }
+    if (what == "pipe" && argc == 4) {
+        send_from_pipe(argv[2], argv[3]);
+    }
+    (void)fprintf(stderr,
+                  "usage: can-floor receive PORT | share PORT FILE | record PORT PREFIX | "
+                  "send PORT FILE | pipe PORT FIFO\n");
     return 2;
 }

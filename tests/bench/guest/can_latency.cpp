@@ -3,6 +3,8 @@
 //   can-latency tag PORT ID TAG COUNT      a frame is sent until the tag has its value
 //   can-latency share PORT ID FILE COUNT   the same with can-floor share
 //   can-latency write PORT ID TAG COUNT    a tag is written until the frame with it is on the bus
+//   can-latency store PORT ID FILE COUNT   the same with can-floor send
+//   can-latency pipe PORT ID FIFO COUNT    the same with can-floor pipe
 
 #include "can_socket.h"
 #include "shared_value.h"
@@ -10,7 +12,10 @@
 #include <kt/dx_client.h>
 
 #include <ctime>
+#include <sched.h>
+#include <semaphore.h>
 #include <string_view>
+#include <thread>
 
 namespace {
 
@@ -86,6 +91,12 @@ void wait_for(shared_value *shared, uint64_t value) {
     }
 }
 
+void store(shared_value *shared, uint64_t value) {
+    shared->value.store(value, std::memory_order_relaxed);
+    shared->changes.fetch_add(1, std::memory_order_release);
+    (void)syscall(SYS_futex, &shared->changes, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
 void wait_for_frame(int socket, uint32_t id, uint64_t value) {
     can_frame frame;
     do {
@@ -95,44 +106,88 @@ void wait_for_frame(int socket, uint32_t id, uint64_t value) {
     } while (frame.can_id != id || memcmp(frame.data, &value, sizeof value) != 0);
 }
 
-template <typename Cause, typename Effect>
-void measure(unsigned count, Cause cause, Effect effect) {
+void print_since(int64_t start_ns) {
+    (void)printf("%.3f\n", static_cast<double>(now_ns() - start_ns) / 1000);
+}
+
+/** From a value to the frame that carries it. */
+template <typename Cause>
+void measure_sent(unsigned count, const char *port, uint32_t id, Cause cause) {
+    const int socket = open_can(port);
     for (unsigned n = 1; n <= count; n++) {
         pause(n);
-        const int64_t start = now_ns();
+        const int64_t start_ns = now_ns();
         cause(n);
-        effect(n);
-        (void)printf("%.3f\n", static_cast<double>(now_ns() - start) / 1000);
+        wait_for_frame(socket, id, n);
+        print_since(start_ns);
     }
+}
+
+/** Frames come from an interrupt, so their sender is through with it before others go on. */
+void precede_everybody() {
+    const sched_param highest{1};
+    if (sched_setscheduler(0, SCHED_FIFO, &highest) != 0) {
+        fail("sched_setscheduler");
+    }
+}
+
+/** From a frame to whoever waits for what it carries, who sleeps when it comes. */
+template <typename Effect>
+void measure_received(unsigned count, const char *port, uint32_t id, Effect effect) {
+    const int socket = open_can_to_send(port);
+    std::atomic<int64_t> start_ns{0};
+    sem_t taken; // of the kernel alone: std::binary_semaphore yields a while before it sleeps
+    (void)sem_init(&taken, 0, 0);
+    std::thread sender([&] {
+        precede_everybody();
+        for (unsigned n = 1; n <= count; n++) {
+            pause(n);
+            start_ns = now_ns();
+            send_value(socket, id, n);
+            (void)sem_wait(&taken);
+        }
+    });
+    for (unsigned n = 1; n <= count; n++) {
+        effect(n);
+        print_since(start_ns);
+        (void)sem_post(&taken);
+    }
+    sender.join();
+}
+
+int open_pipe(const char *path) {
+    const int fifo = open(path, O_WRONLY | O_CLOEXEC);
+    if (fifo < 0) {
+        fail(path);
+    }
+    return fifo;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 6) {
-        (void)fprintf(stderr, "usage: can-latency tag|share|write PORT ID NAME COUNT\n");
-        return 2;
-    }
-    const std::string_view what = argv[1];
-    const auto id = static_cast<uint32_t>(strtoul(argv[3], nullptr, 0));
-    const auto count = static_cast<unsigned>(strtoul(argv[5], nullptr, 0));
-    if (what == "write") {
-        const int socket = open_can(argv[2]);
+    const std::string_view what = argc == 6 ? argv[1] : "";
+    const char *port = argc == 6 ? argv[2] : "";
+    const auto id = argc == 6 ? static_cast<uint32_t>(strtoul(argv[3], nullptr, 0)) : 0;
+    const auto count = argc == 6 ? static_cast<unsigned>(strtoul(argv[5], nullptr, 0)) : 0;
+    if (what == "tag") {
         watched_tag tag(argv[4]);
-        measure(
-            count,
-            [&](uint64_t n) { tag.write(n); },
-            [&](uint64_t n) { wait_for_frame(socket, id, n); });
-        return 0;
-    }
-    const int socket = open_can_to_send(argv[2]);
-    const auto send = [&](uint64_t n) { send_value(socket, id, n); };
-    if (what == "share") {
+        measure_received(count, port, id, [&](uint64_t n) { tag.wait_for(n); });
+    } else if (what == "share") {
         shared_value *shared = map_shared_value(argv[4]);
-        measure(count, send, [&](uint64_t n) { wait_for(shared, n); });
-    } else {
+        measure_received(count, port, id, [&](uint64_t n) { wait_for(shared, n); });
+    } else if (what == "write") {
         watched_tag tag(argv[4]);
-        measure(count, send, [&](uint64_t n) { tag.wait_for(n); });
+        measure_sent(count, port, id, [&](uint64_t n) { tag.write(n); });
+    } else if (what == "store") {
+        shared_value *shared = map_shared_value(argv[4]);
+        measure_sent(count, port, id, [&](uint64_t n) { store(shared, n); });
+    } else if (what == "pipe") {
+        const int fifo = open_pipe(argv[4]);
+        measure_sent(count, port, id, [&](uint64_t n) { (void)!::write(fifo, &n, sizeof n); });
+    } else {
+        (void)fprintf(stderr, "usage: can-latency tag|share|write|store|pipe PORT ID NAME COUNT\n");
+        return 2;
     }
     return 0;
 }

@@ -131,15 +131,16 @@ class Program:
 
 
 class Service(Program):
-    """The service with a configuration, both of its ports running."""
+    """The service with a configuration, its ports running."""
 
-    def __init__(self, *devices, sql: str = "", ports: int = 2, environment=None):
-        configure(devices, sql, ports)
+    def __init__(self, *devices, sql: str = "", ports=("can0", "can1"), environment=None):
+        configure(devices, sql, len(ports))
         subprocess.run(["rm", "-rf", "/run/kt-dx"], check=True)
-        super().__init__(BIN / "kt-can-proprietary", environment=environment, thread=True,
-                         ready=lambda: all(listens(f"can{port}") for port in range(ports)))
+        super().__init__(BIN / "kt-can-proprietary", thread=True,
+                         environment={"KT_CAN_PORTS": ",".join(ports), **(environment or {})},
+                         ready=lambda: all(listens(port) for port in ports))
         time.sleep(1)
-        self.port_threads = [self.threads()[f"can{port}-port"] for port in range(ports)]
+        self.port_threads = [self.threads()[f"{port}-port"] for port in ports]
         self.thread = self.port_threads[0]
 
     def rest(self, method: str, path: str, body: bytes = b"", kind="application/json") -> tuple:

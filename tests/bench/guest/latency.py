@@ -56,14 +56,18 @@ def measure_both_ways(report, case: str, count: int) -> None:
     tell(report, f"frame to tag, {case}", "service",
          run("tag", IN, "can_proprietary/d/in_v", count), GOALS)
     tell(report, f"tag to frame, {case}", "service",
-         run("write", OUT, "can_proprietary/d/out_v", count))
+         run("write", OUT, "can_proprietary/d/out_v", count), GOALS)
 
 
-def measure_floor(report, case: str, count: int) -> None:
-    path = pathlib.Path("/dev/shm/can-floor")
-    with Program(BIN / "can-floor", "share", "can0", path):
-        time.sleep(1)  # until it is bound, where the service is on the port, too
-        tell(report, f"frame to tag, {case}", "floor", run("share", IN, path, count))
+def measure_floors(report, case: str, count: int) -> None:
+    for case_of, who, floor, latency, identifier in (
+            (f"frame to tag, {case}", "floor", "share", "share", IN),
+            (f"tag to frame, {case}", "floor", "send", "store", OUT),
+            (f"tag to frame, {case}", "one hop", "pipe", "pipe", OUT)):
+        path = pathlib.Path(f"/dev/shm/can-floor-{floor}")
+        with Program(BIN / "can-floor", floor, "can0", path):
+            time.sleep(1)  # until it waits
+            tell(report, case_of, who, run(latency, identifier, path, count))
 
 
 def stop(*processes) -> None:
@@ -110,8 +114,13 @@ def measure(report, options) -> None:
     report.line(group=GROUP, title="Latency")
     report.line(group=GROUP, note=(
         "A thousand instructions are a microsecond. A frame is sent, at changing distances of 0.3"
-        " to 3 ms, and the time taken until another process, woken by the tag store, has read the"
-        " value; the floor is the bare loop that puts it in shared memory and wakes the process."
+        " to 3 ms, and the time taken until another process, which sleeps and is woken by the tag"
+        " store, has read the value; the floor is the bare loop that puts it in shared memory and"
+        " wakes the process. The other way a tag is written until its frame is on the bus. The tag"
+        " service has a thread of its own that learns of writes, so the floor hands the value on in"
+        " the same two steps: a thread that a futex wakes wakes the port's by an eventfd. With one"
+        " hop the writer puts the value into a pipe that the port's thread waits for. A floor has"
+        " the port to itself and the precedence of a port's thread."
         " A cyclic transaction is due again its interval after it was sent, on purpose, so a"
         " period is its interval and what the sending takes."))
     with Service(device()):
@@ -120,12 +129,12 @@ def measure(report, options) -> None:
             processes = start_load(), start_requests()
             measure_both_ways(report, "other port full, REST busy", BUSY_COUNT)
             stop(*processes)
-    measure_floor(report, "idle", count)
+    measure_floors(report, "idle", count)
     if options.check:
         return
-    with Service(rows.device("e", port=2)):
+    with Service(rows.device("e"), ports=("can1",)):  # the floor is alone on its port, too
         processes = start_load(), start_requests()
-        measure_floor(report, "other port full, REST busy", BUSY_COUNT)
+        measure_floors(report, "other port full, REST busy", BUSY_COUNT)
         stop(*processes)
     for transactions, interval in ((1, 10), (1, 1000), (100, 100), (250, 250), (250, 1000)):
         measure_cyclic(report, transactions, interval, 60)
