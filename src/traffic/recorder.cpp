@@ -2,10 +2,10 @@
 
 #include "core/guards.h"
 #include "core/log.h"
-#include "core/no_memory.h"
 #include "core/runtime_file.h"
 #include "core/state.h"
 #include "device/clock.h"
+#include "traffic/frame_text.h"
 
 #include <kt/protocol_common.h>
 
@@ -14,7 +14,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <linux/can.h>
 #include <memory>
 #include <mutex>
@@ -23,7 +22,6 @@
 #include <shared_mutex>
 #include <string>
 #include <string_view>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -38,6 +36,8 @@ struct can_proprietary_traffic {
     pthread_mutex_t mutex;               /* changes of control_state */
     std::atomic<uint32_t> control_state; /* read without the mutex for every frame */
     std::atomic<int64_t> start_time_us;
+    std::string csv_path; /* both for as long as the record */
+    std::string json_path;
 };
 
 /** Keeps the records from being released under a caller that is not a port thread. */
@@ -49,33 +49,16 @@ std::atomic<uint32_t> record_count{0};
 std::atomic<int32_t> row_counter{1};
 
 using json_ptr = std::unique_ptr<JSON_Value, call_on_delete<json_value_free>>;
-using json_text_ptr = std::unique_ptr<char, call_on_delete<json_free_serialized_string>>;
 using file_lock_ptr = std::unique_ptr<kt_semaphore, call_on_delete<semaphoreUp>>;
 
-/** What both rows of a frame show. */
-struct traffic_row {
-    std::array<char, 64> time;
-    std::array<char, CAN_MAX_DLEN * 3 + 1> data;
-    traffic_direction direction;
-    uint32_t id;
-    bool extended;
-    int rtr;
-    uint8_t data_length;
-};
-
-std::string traffic_path(int port, const char *extension) {
+std::string traffic_path(uint8_t port, const char *extension) {
     std::array<char, 50> path{};
-    const auto index = static_cast<uint8_t>(port); // checked: the port count is an 8-bit number
-    (void)snprintf(path.data(), path.size(), "%s%d.%s", path_prefix, index, extension);
+    (void)snprintf(path.data(), path.size(), "%s%d.%s", path_prefix, port, extension);
     return rooted_path(path.data());
 }
 
-std::string csv_path(int port) {
-    return traffic_path(port, "csv");
-}
-
-std::string json_path(int port) {
-    return traffic_path(port, "json");
+can_proprietary_traffic &record_of(int port) {
+    return records[static_cast<size_t>(port)];
 }
 
 bool is_valid(const char *function, int port) {
@@ -99,53 +82,27 @@ void unlock_reporting(pthread_mutex_t *mutex) {
 }
 
 void set_control_state(int port, uint32_t state) {
-    can_proprietary_traffic &record = records[static_cast<size_t>(port)];
+    can_proprietary_traffic &record = record_of(port);
     lock_reporting(&record.mutex);
     record.control_state.store(state, std::memory_order_relaxed);
     unlock_reporting(&record.mutex);
 }
 
 uint32_t control_state(int port) {
-    can_proprietary_traffic &record = records[static_cast<size_t>(port)];
+    can_proprietary_traffic &record = record_of(port);
     lock_reporting(&record.mutex);
     const uint32_t state = record.control_state.load(std::memory_order_relaxed);
     unlock_reporting(&record.mutex);
     return state;
 }
 
-void format_data(const uint8_t *data, traffic_row *row) {
-    constexpr const char *digits = "0123456789ABCDEF";
-    char *out = row->data.data();
-    for (uint8_t i = 0; i < row->data_length; i++) {
-        *out++ = digits[data[i] >> 4];
-        *out++ = digits[data[i] & 0xf];
-        *out++ = ' ';
-    }
-    if (row->data_length > 0) {
-        out--;
-    }
-    *out = '\0';
-}
-
-bool set_members(JSON_Object *line, const traffic_row &row) {
-    return json_object_dotset_string(line, "time", row.time.data()) == JSONSuccess &&
-           json_object_dotset_number(line, "direction", row.direction) == JSONSuccess &&
-           json_object_dotset_number(line, "canId", row.id) == JSONSuccess &&
-           json_object_dotset_number(line, "RTR", row.rtr) == JSONSuccess &&
-           json_object_dotset_number(line, "dataLength", row.data_length) == JSONSuccess &&
-           json_object_dotset_string(line, "data", row.data.data()) == JSONSuccess;
-}
-
 /** Append a line whole or not at all: half a line would make the log unreadable. */
-int append_line(int fd, off_t size, std::string_view text) {
-    char end = '\n';
-    const std::array<iovec, 2> parts = {
-        {{const_cast<char *>(text.data()), text.size()}, {&end, sizeof end}}};
+int append_line(int fd, off_t size, std::string_view line) {
     ssize_t written = 0;
     do {
-        written = writev(fd, parts.data(), parts.size());
+        written = write(fd, line.data(), line.size());
     } while (written < 0 && errno == EINTR);
-    if (written == static_cast<ssize_t>(text.size() + sizeof end)) {
+    if (written == static_cast<ssize_t>(line.size())) {
         return 0;
     }
     // The disk is full; when this fails, too, nothing else can be done.
@@ -157,63 +114,50 @@ long size_of(FILE *file) {
     return fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
 }
 
-int append_csv_row(int port, const traffic_row &row, size_t json_length) {
-    const unique_fd file = open_runtime_fd(csv_path(port).c_str(), "a");
+int append_csv_row(int port, const traffic_texts &texts, off_t json_length) {
+    const unique_fd file = open_runtime_fd(record_of(port).csv_path.c_str(), "a");
     if (file.get() < 0) {
         return -5;
     }
     const off_t size = lseek(file.get(), 0, SEEK_END);
     // Tested with the length of the JSON text, not of the row. On purpose: both files fill alike.
-    if (size + static_cast<off_t>(json_length) > traffic_file_limit_bytes) {
+    if (size + json_length > traffic_file_limit_bytes) {
         set_control_state(port, 0);
         return 0;
     }
-    std::array<char, 256> text{};
     const int number = row_counter.load(std::memory_order_relaxed);
-    const char *direction = row.direction == TRAFFIC_SEND ? "Send" : "Receive";
-    const char *kind = row.rtr == 1 ? "Remote Frame" : "Data frame";
-    // The quote closes before the digits, as the files have always had it.
-    (void)snprintf(text.data(),
-                   text.size(),
-                   row.extended ? "%d,%s,%s,\"0x\"%08X,%s,%d,\"%s\""
-                                : "%d,%s,%s,\"0x\"%03X,%s,%d,\"%s\"",
-                   number,
-                   row.time.data(),
-                   direction,
-                   row.id,
-                   kind,
-                   row.data_length,
-                   row.data.data());
-    if (const int result = append_line(file.get(), size, text.data()); result != 0) {
+    traffic_line row;
+    put_csv_row(&row, texts, number);
+    if (const int result = append_line(file.get(), size, row.view()); result != 0) {
         return result;
     }
     row_counter.store(number + 1, std::memory_order_relaxed);
     return 0;
 }
 
-int append_both(int port, const traffic_row &row, const char *json_text) {
-    const std::string path = json_path(port);
+int append_both(int port, const traffic_texts &texts, std::string_view json_line) {
+    const char *path = record_of(port).json_path.c_str();
     kt_semaphore *taken = nullptr;
-    if (semaphoreDown(path.c_str(), &taken) != 0) {
+    if (semaphoreDown(path, &taken) != 0) {
         log_write_error(record_function, __LINE__, "traffic log semaphoreDown fail(%d)\n", -8);
         return -8;
     }
     const file_lock_ptr lock(taken);
-    const unique_fd file = open_runtime_fd(path.c_str(), "a");
+    const unique_fd file = open_runtime_fd(path, "a");
     if (file.get() < 0) {
         log_write_error(record_function, __LINE__, "open file fail\n");
         return -5;
     }
-    const std::string_view line = json_text;
     const off_t size = lseek(file.get(), 0, SEEK_END);
-    if (size + static_cast<off_t>(line.size()) > traffic_file_limit_bytes) {
+    const auto text_length = static_cast<off_t>(json_line.size()) - 1; // without its end
+    if (size + text_length > traffic_file_limit_bytes) {
         set_control_state(port, 0);
         return 0;
     }
-    if (const int result = append_line(file.get(), size, line); result != 0) {
+    if (const int result = append_line(file.get(), size, json_line); result != 0) {
         return result;
     }
-    return append_csv_row(port, row, line.size());
+    return append_csv_row(port, texts, text_length);
 }
 
 int read_lines(FILE *file, JSON_Array *lines) {
@@ -255,9 +199,9 @@ int read_log(JSON_Value **log, int port) {
     if (lines == nullptr) {
         return -7;
     }
-    const std::string path = json_path(port);
+    const char *path = record_of(port).json_path.c_str();
     kt_semaphore *taken = nullptr;
-    if (semaphoreDown(path.c_str(), &taken) != 0) {
+    if (semaphoreDown(path, &taken) != 0) {
         log_write_error("can_proprietary_traffic_get_log",
                         __LINE__,
                         "get traffic log semaphoreDown fail(%d)\n",
@@ -265,7 +209,7 @@ int read_log(JSON_Value **log, int port) {
         return -8;
     }
     const file_lock_ptr lock(taken);
-    const file_ptr file = open_runtime_file(path.c_str(), "r");
+    const file_ptr file = open_runtime_file(path, "r");
     if (file == nullptr) {
         return -5;
     }
@@ -277,13 +221,28 @@ int read_log(JSON_Value **log, int port) {
 }
 
 /** Nobody records yet, and readers wait. A missing folder is told by a start. */
-int prepare_files(int port_count) {
-    const int result = mkdir_p(rooted_path(traffic_folder).c_str());
-    for (int port = 0; port < port_count; port++) {
-        cut_half_line(json_path(port));
-        cut_half_line(csv_path(port));
+void prepare_files(uint8_t port_count) {
+    (void)mkdir_p(rooted_path(traffic_folder).c_str());
+    for (uint8_t port = 0; port < port_count; port++) {
+        can_proprietary_traffic &record = records[port];
+        record.csv_path = traffic_path(port, "csv");
+        record.json_path = traffic_path(port, "json");
+        cut_half_line(record.json_path);
+        cut_half_line(record.csv_path);
     }
-    return result;
+}
+
+/** Frames and requests find their paths made: only this can run out of memory for them. */
+bool make_records(uint8_t port_count) {
+    records.reset(new (std::nothrow) can_proprietary_traffic[port_count]());
+    try {
+        if (records != nullptr) {
+            prepare_files(port_count);
+        }
+    } catch (const std::bad_alloc &) {
+        records.reset();
+    }
+    return records != nullptr;
 }
 
 int create_file(const std::string &path, const char *content) {
@@ -307,48 +266,32 @@ int create_file(const std::string &path, const char *content) {
         log_write_error(record_function, __LINE__, "data length(%d) invalid.\n", data_length);
         return -1;
     }
-    traffic_row row{};
-    row.direction = direction;
-    row.extended = (can_id & CAN_EFF_FLAG) != 0;
-    row.id = can_id & (row.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
-    row.rtr = rtr;
-    row.data_length = data_length;
-    format_data(data, &row);
-    const json_ptr line(json_value_init_object());
-    if (line == nullptr) {
-        log_write_error(record_function, __LINE__, "init fail(%d)\n", -7);
-        return -7;
-    }
+    traffic_texts texts;
+    texts.direction = direction;
+    texts.extended = (can_id & CAN_EFF_FLAG) != 0;
+    texts.id = can_id & (texts.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
+    texts.rtr = rtr;
+    texts.data_length = data_length;
+    put_data(&texts, data);
     const int64_t start = records[port].start_time_us.load(std::memory_order_relaxed);
-    const double seconds = static_cast<double>(get_timestamp() - start) / 1000000.0;
-    (void)snprintf(row.time.data(), row.time.size(), "%.3lf", seconds);
-    if (!set_members(json_value_get_object(line.get()), row)) {
-        log_write_error(record_function, __LINE__, "json fail(%d)\n", -6);
-        return -6;
-    }
-    const json_text_ptr text(json_serialize_to_string(line.get()));
-    if (text == nullptr) {
-        log_write_error(record_function, __LINE__, "json_serialize_to_string fail\n");
-        return -6;
-    }
-    return unless_no_memory(
-        record_function, -2, [&] { return append_both(port, row, text.get()); });
+    put_time(&texts, get_timestamp() - start);
+    traffic_line line;
+    put_json_line(&line, texts);
+    return append_both(port, texts, line.view());
 }
 
 } // namespace
 
 int can_proprietary_traffic_init(uint8_t port_count) {
     const std::unique_lock guard(lifetime);
-    records.reset(new (std::nothrow) can_proprietary_traffic[port_count]());
-    if (records == nullptr) {
-        record_count.store(0, std::memory_order_relaxed);
+    record_count.store(0, std::memory_order_relaxed);
+    if (!make_records(port_count)) {
         log_error("malloc fail.\n");
         return -2;
     }
     for (uint8_t port = 0; port < port_count; port++) {
         (void)pthread_mutex_init(&records[port].mutex, nullptr); // cannot fail for a plain mutex
     }
-    (void)unless_no_memory(__func__, -1, [port_count] { return prepare_files(port_count); });
     record_count.store(port_count, std::memory_order_relaxed);
     return 0;
 }
@@ -368,12 +311,9 @@ int can_proprietary_traffic_start(int port) {
         return -1;
     }
     row_counter.store(1, std::memory_order_relaxed);
-    const auto create = [port] {
-        const int result = create_file(csv_path(port), csv_header);
-        return result != 0 ? result : create_file(json_path(port), "");
-    };
-    if (const int result = unless_no_memory(__func__, -2, create); result != 0) {
-        return result;
+    const can_proprietary_traffic &record = record_of(port);
+    if (create_file(record.csv_path, csv_header) != 0 || create_file(record.json_path, "") != 0) {
+        return -5;
     }
     set_control_state(port, 1);
     return 0;
@@ -398,8 +338,7 @@ int can_proprietary_traffic_init_start_time(int port) {
     if (!is_valid(__func__, port)) {
         return -1;
     }
-    records[static_cast<size_t>(port)].start_time_us.store(get_timestamp(),
-                                                           std::memory_order_relaxed);
+    record_of(port).start_time_us.store(get_timestamp(), std::memory_order_relaxed);
     return 0;
 }
 
@@ -427,5 +366,5 @@ int can_proprietary_traffic_get_log(JSON_Value **log, int port) {
     if (!is_valid(__func__, port) || log == nullptr) {
         return -1;
     }
-    return unless_no_memory(__func__, -2, [&] { return read_log(log, port); });
+    return read_log(log, port);
 }
