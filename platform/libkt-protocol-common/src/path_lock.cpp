@@ -1,3 +1,4 @@
+#include "file_name.h"
 #include "guards.h"
 
 #include <kt/protocol_common.h>
@@ -5,24 +6,27 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <iterator>
 #include <mutex>
 #include <new>
+#include <string_view>
 #include <sys/file.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
 
 // One lock. Kept ones stay in the table with their descriptor open, so that taking the lock again
-// costs two system calls; since the threads of this process share that descriptor, the holder keeps
-// them apart. A lock outside the table lives from semaphoreDown() to semaphoreUp().
+// costs two system calls, flock and fstat; since the threads of this process share that descriptor,
+// the holder keeps them apart. A lock outside the table lives from semaphoreDown() to
+// semaphoreUp().
 //
 // Processes are told apart by their id, because a child of fork() inherits the table: what its
 // parent holds is not held here, and a descriptor opened by the parent would share its lock.
 struct kt_semaphore {
     malloc_ptr<char> path;         // of the lock file; NULL: free slot. Guarded by table_mutex
+    size_t key_length = 0;         // how much of path is the key; likewise
     std::atomic<pid_t> holder = 0; // process with a thread that holds the lock
     unique_fd file;                // used by the holding thread alone
     pid_t opener = 0;              // process that opened the file; likewise
@@ -30,28 +34,71 @@ struct kt_semaphore {
 
 namespace {
 
+constexpr char lock_suffix[] = ".lock";
 constexpr size_t kept_max = 64;
 std::mutex table_mutex; // held for looking a path up, never while waiting
 kt_semaphore table[kept_max];
 
-// The entry for a path, NULL when the table is full or there is no memory for another path.
-kt_semaphore *find_kept(const char *path) {
+bool name(kt_semaphore &lock, std::string_view key) {
+    lock.path.reset(static_cast<char *>(malloc(key.size() + sizeof lock_suffix)));
+    if (!lock.path) {
+        errno = ENOMEM;
+        return false;
+    }
+    memcpy(lock.path.get(), key.data(), key.size());
+    memcpy(lock.path.get() + key.size(), lock_suffix, sizeof lock_suffix);
+    lock.key_length = key.size();
+    return true;
+}
+
+// The entry for a key, NULL when the table is full or there is no memory for another path.
+kt_semaphore *find_kept(std::string_view key) {
     const std::lock_guard guard(table_mutex);
     for (kt_semaphore &entry : table) {
         if (!entry.path) {
-            entry.path.reset(strdup(path));
-            return entry.path ? &entry : nullptr;
+            return name(entry, key) ? &entry : nullptr;
         }
-        if (strcmp(entry.path.get(), path) == 0) {
+        if (std::string_view(entry.path.get(), entry.key_length) == key) {
             return &entry;
         }
     }
     return nullptr;
 }
 
+// A word that the kernel makes 0 in a child of fork(), NULL where it cannot.
+std::atomic<pid_t> *map_wiped_word() {
+    void *page = mmap(nullptr,
+                      sizeof(std::atomic<pid_t>),
+                      PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS,
+                      -1,
+                      0);
+    if (page == MAP_FAILED) {
+        return nullptr;
+    }
+    if (madvise(page, sizeof(std::atomic<pid_t>), MADV_WIPEONFORK) != 0) {
+        (void)munmap(page, sizeof(std::atomic<pid_t>)); // fails for arguments alone
+        return nullptr;
+    }
+    return new (page) std::atomic<pid_t>(0);
+}
+
+// getpid(), as a system call only the first time in a process.
+pid_t this_process() {
+    static std::atomic<pid_t> *const kept = map_wiped_word();
+    pid_t id = kept ? kept->load(std::memory_order_relaxed) : 0;
+    if (id == 0) {
+        id = getpid();
+        if (kept) {
+            kept->store(id, std::memory_order_relaxed);
+        }
+    }
+    return id;
+}
+
 // Waits until no other thread of this process holds the entry.
 kt_semaphore *hold(kt_semaphore *entry) {
-    const pid_t self = getpid();
+    const pid_t self = this_process();
     for (pid_t seen = entry->holder;;) {
         if (seen == self) {
             entry->holder.wait(seen);
@@ -62,16 +109,13 @@ kt_semaphore *hold(kt_semaphore *entry) {
     }
 }
 
-kt_semaphore *make_unkept(const char *path) {
+kt_semaphore *make_unkept(std::string_view key) {
     std::unique_ptr<kt_semaphore> made(new (std::nothrow) kt_semaphore);
-    if (made) {
-        made->path.reset(strdup(path));
-    }
-    if (!made || !made->path) {
+    if (!made) {
         errno = ENOMEM;
         return nullptr;
     }
-    return made.release();
+    return name(*made, key) ? made.release() : nullptr;
 }
 
 void let_go(kt_semaphore *lock) {
@@ -97,16 +141,15 @@ int flock_again(int fd, int operation) {
 // would be locked by this process alone.
 int take_file_lock(kt_semaphore &lock) {
     for (;;) {
-        if (!lock.file || lock.opener != getpid()) {
+        if (!lock.file || lock.opener != this_process()) {
             constexpr int flags = O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
             lock.file = unique_fd(open(lock.path.get(), flags, 0644));
-            lock.opener = getpid();
+            lock.opener = this_process();
         }
         if (!lock.file || flock_again(lock.file.get(), LOCK_EX) != 0) {
             return -1;
         }
-        struct stat info;
-        if (fstat(lock.file.get(), &info) == 0 && info.st_nlink > 0) {
+        if (has_name(lock.file.get())) {
             return 0;
         }
         lock.file = unique_fd();
@@ -116,18 +159,17 @@ int take_file_lock(kt_semaphore &lock) {
 } // namespace
 
 int semaphoreDown(const char *key_path, struct kt_semaphore **handle) {
-    char path[PATH_MAX];
     if (!key_path || key_path[0] == '\0' || !handle) {
         errno = EINVAL;
         return -1;
     }
-    const int length = snprintf(path, sizeof path, "%s.lock", key_path);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
+    const std::string_view key = key_path;
+    if (key.size() + sizeof lock_suffix > PATH_MAX) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    kt_semaphore *lock = find_kept(path);
-    lock = lock ? hold(lock) : make_unkept(path);
+    kt_semaphore *lock = find_kept(key);
+    lock = lock ? hold(lock) : make_unkept(key);
     if (!lock) {
         return -1;
     }

@@ -54,9 +54,10 @@ def measure_system_calls(report, service: Service) -> None:
                  [round(sum(calls.values()) / count, 2)])
     named = ", ".join(f"{name} {number / count:.2f}" for name, number in sorted(calls.items()))
     report.line(group=GROUP, note=f"System calls of the service for a recorded frame: {named}."
-                " select and recvfrom take the frame; flock, statx and getpid are the lock on the"
-                " kept file, which must still be the one of that name, and the unlock; openat,"
-                " _llseek, which tells the size, writev and close append to each of the two files.")
+                " select and recvfrom take the frame; flock is the lock on the kept file, and the"
+                " unlock; fstat64, the one call that the floor has not, sees whether that file still"
+                " has its name: others would lock another one; openat, _llseek, which tells the"
+                " size, write and close append to each of the two files.")
 
 
 def measure(report, options) -> None:
