@@ -6,11 +6,31 @@
 
 #include <kt/rest.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+/** What a file has up to a size; less where it has become shorter or cannot be read. */
+size_t read_up_to(int fd, char *bytes, size_t size) {
+    size_t have = 0;
+    while (have < size) {
+        const ssize_t got = pread(fd, bytes + have, size - have, static_cast<off_t>(have));
+        if (got > 0) {
+            have += static_cast<size_t>(got);
+        } else if (got == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    return have;
+}
+
+} // namespace
 
 int rest_export_file(const char *path, const char *download_name, const char *open_message) {
-    const file_ptr file = open_runtime_file(path, "r");
-    if (file == nullptr) {
+    const unique_fd file = open_runtime_fd(path, "r");
+    if (file.get() < 0) {
         const int error = errno;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -20,15 +40,14 @@ int rest_export_file(const char *path, const char *download_name, const char *op
         perror("Error: ");
         return -1;
     }
-    const long end = fseek(file.get(), 0, SEEK_END) == 0 ? ftell(file.get()) : 0;
+    const off_t end = lseek(file.get(), 0, SEEK_END);
     const size_t size = end < 0 ? 0 : static_cast<size_t>(end);
-    rewind(file.get());
-    const heap_ptr<char> body(static_cast<char *>(calloc(size + 1, 1)));
+    const heap_ptr<char> body(static_cast<char *>(malloc(size + 1)));
     if (body == nullptr) {
         log_error("malloc response_body fail\n");
         return -1;
     }
-    const size_t read = fread(body.get(), 1, size, file.get());
+    const size_t read = read_up_to(file.get(), body.get(), size);
     if (rest_write_file(download_name, body.get(), read) != 0) {
         log_error("write to handle fail\n");
         return -1;

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <linux/can.h>
 #include <memory>
 #include <mutex>
@@ -160,9 +161,62 @@ int append_both(int port, const traffic_texts &texts, std::string_view json_line
     return append_csv_row(port, texts, text_length);
 }
 
-int read_lines(FILE *file, JSON_Array *lines) {
-    std::array<char, longest_line_bytes> text{};
-    while (fgets(text.data(), text.size(), file) != nullptr) {
+/** What fgets() gives, without what a stream costs beside. */
+class line_reader {
+public:
+    explicit line_reader(int fd) : fd_(fd) {}
+
+    /**
+     * The next line with its end, or as much of it as there is room for.
+     * @return false at the end of the file, and where it cannot be read any further
+     */
+    bool next(std::array<char, longest_line_bytes> *line) {
+        size_t length = whole_line();
+        while (length == 0 && fill()) {
+            length = whole_line();
+        }
+        if (length == 0) {
+            length = end_ - begin_;
+        }
+        memcpy(line->data(), text_.data() + begin_, length);
+        (*line)[length] = '\0';
+        begin_ += length;
+        return length > 0;
+    }
+
+private:
+    /** Length of the line that begins, 0 when there is more of it to read. */
+    [[nodiscard]] size_t whole_line() const {
+        const char *line = text_.data() + begin_;
+        const size_t length = std::min(end_ - begin_, longest_line_bytes - 1);
+        if (const void *end = memchr(line, '\n', length); end != nullptr) {
+            return static_cast<size_t>(static_cast<const char *>(end) - line) + 1;
+        }
+        return length == longest_line_bytes - 1 ? length : 0;
+    }
+
+    bool fill() {
+        end_ -= begin_;
+        memmove(text_.data(), text_.data() + begin_, end_);
+        begin_ = 0;
+        ssize_t got = 0;
+        do {
+            got = read(fd_, text_.data() + end_, text_.size() - end_);
+        } while (got < 0 && errno == EINTR);
+        end_ += got > 0 ? static_cast<size_t>(got) : 0;
+        return got > 0;
+    }
+
+    int fd_;
+    std::array<char, 8 * longest_line_bytes> text_; // from begin_ to end_ what is still to be given
+    size_t begin_ = 0;
+    size_t end_ = 0;
+};
+
+int read_lines(int fd, JSON_Array *lines) {
+    line_reader reader(fd);
+    std::array<char, longest_line_bytes> text;
+    while (reader.next(&text)) {
         json_ptr line(json_parse_string(text.data()));
         if (line == nullptr || json_array_append_value(lines, line.get()) != JSONSuccess) {
             return -6;
@@ -209,8 +263,8 @@ int read_log(JSON_Value **log, int port) {
         return -8;
     }
     const file_lock_ptr lock(taken);
-    const file_ptr file = open_runtime_file(path, "r");
-    if (file == nullptr) {
+    const unique_fd file = open_runtime_fd(path, "r");
+    if (file.get() < 0) {
         return -5;
     }
     if (const int result = read_lines(file.get(), json_value_get_array(lines.get())); result != 0) {

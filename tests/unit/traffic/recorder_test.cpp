@@ -277,6 +277,31 @@ TEST_F(recorder, line_of_2047_bytes_is_the_longest_that_can_be_read) {
     EXPECT_EQ(log, nullptr);
 }
 
+TEST_F(recorder, lines_of_every_length_are_read_wherever_they_lie_in_the_file) {
+    start();
+    for (size_t length = 3; length < 2048; length += 146) { // 2047 is the last
+        std::string lines;
+        std::string expected;
+        while (lines.size() < 60000) {
+            const std::string text = "\"" + std::string(length - 3, 'x') + "\"";
+            lines += text + "\n";
+            expected += (expected.empty() ? "[" : ",") + text;
+        }
+        write(json_path(), lines);
+        EXPECT_TRUE(texts_of(0) == expected + "]") << length;
+    }
+}
+
+TEST_F(recorder, last_line_needs_no_end_and_a_zero_ends_a_line) {
+    write(json_path(), std::string("1\n2\0 nonsense\n3", 16));
+    EXPECT_EQ(texts_of(0), "[1,2,3]");
+}
+
+TEST_F(recorder, line_that_is_too_long_is_read_in_parts) {
+    write(json_path(), std::string(2046, ' ') + "12\n");
+    EXPECT_EQ(texts_of(0), "[1,2]");
+}
+
 TEST_F(recorder, file_lock_is_that_of_the_json_file_and_held_while_writing) {
     start();
     std::string seen = "nothing";
