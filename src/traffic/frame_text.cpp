@@ -92,8 +92,9 @@ void put_data(traffic_texts *texts, const uint8_t *data) {
     texts->data_size = static_cast<uint8_t>(out - texts->data.data() - blanks);
 }
 
-void put_json_line(traffic_line *line, const traffic_texts &texts) {
-    text_end text(line->text.data());
+traffic_line json_line(const traffic_texts &texts) {
+    traffic_line line;
+    text_end text(line.text.data());
     text.put("{\"time\":\"");
     text.put(texts.time.data(), texts.time_size);
     text.put("\",\"direction\":");
@@ -107,11 +108,13 @@ void put_json_line(traffic_line *line, const traffic_texts &texts) {
     text.put(",\"data\":\"");
     text.put(texts.data.data(), texts.data_size);
     text.put("\"}\n");
-    line->length = static_cast<size_t>(text.end() - line->text.data());
+    line.length = static_cast<size_t>(text.end() - line.text.data());
+    return line;
 }
 
-void put_csv_row(traffic_line *row, const traffic_texts &texts, int number) {
-    text_end text(row->text.data());
+traffic_line csv_row(const traffic_texts &texts, int number) {
+    traffic_line row;
+    text_end text(row.text.data());
     text.put_number(number);
     text.put(",");
     text.put(texts.time.data(), texts.time_size);
@@ -131,5 +134,6 @@ void put_csv_row(traffic_line *row, const traffic_texts &texts, int number) {
     text.put(",\"");
     text.put(texts.data.data(), texts.data_size);
     text.put("\"\n");
-    row->length = static_cast<size_t>(text.end() - row->text.data());
+    row.length = static_cast<size_t>(text.end() - row.text.data());
+    return row;
 }

@@ -41,7 +41,7 @@ void put_time(traffic_texts *texts, int64_t us);
 /** The data_length bytes as hexadecimal digits. */
 void put_data(traffic_texts *texts, const uint8_t *data);
 
-void put_json_line(traffic_line *line, const traffic_texts &texts);
-void put_csv_row(traffic_line *row, const traffic_texts &texts, int number);
+traffic_line json_line(const traffic_texts &texts);
+traffic_line csv_row(const traffic_texts &texts, int number);
 
 #endif

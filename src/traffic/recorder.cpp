@@ -127,8 +127,7 @@ int append_csv_row(int port, const traffic_texts &texts, off_t json_length) {
         return 0;
     }
     const int number = row_counter.load(std::memory_order_relaxed);
-    traffic_line row;
-    put_csv_row(&row, texts, number);
+    const traffic_line row = csv_row(texts, number);
     if (const int result = append_line(file.get(), size, row.view()); result != 0) {
         return result;
     }
@@ -136,7 +135,7 @@ int append_csv_row(int port, const traffic_texts &texts, off_t json_length) {
     return 0;
 }
 
-int append_both(int port, const traffic_texts &texts, std::string_view json_line) {
+int append_both(int port, const traffic_texts &texts, std::string_view line) {
     const char *path = record_of(port).json_path.c_str();
     kt_semaphore *taken = nullptr;
     if (semaphoreDown(path, &taken) != 0) {
@@ -150,12 +149,12 @@ int append_both(int port, const traffic_texts &texts, std::string_view json_line
         return -5;
     }
     const off_t size = lseek(file.get(), 0, SEEK_END);
-    const auto text_length = static_cast<off_t>(json_line.size()) - 1; // without its end
+    const auto text_length = static_cast<off_t>(line.size()) - 1; // without its end
     if (size + text_length > traffic_file_limit_bytes) {
         set_control_state(port, 0);
         return 0;
     }
-    if (const int result = append_line(file.get(), size, json_line); result != 0) {
+    if (const int result = append_line(file.get(), size, line); result != 0) {
         return result;
     }
     return append_csv_row(port, texts, text_length);
@@ -320,7 +319,7 @@ int create_file(const std::string &path, const char *content) {
         log_write_error(record_function, __LINE__, "data length(%d) invalid.\n", data_length);
         return -1;
     }
-    traffic_texts texts;
+    traffic_texts texts{};
     texts.direction = direction;
     texts.extended = (can_id & CAN_EFF_FLAG) != 0;
     texts.id = can_id & (texts.extended ? CAN_EFF_MASK : CAN_SFF_MASK);
@@ -329,8 +328,7 @@ int create_file(const std::string &path, const char *content) {
     put_data(&texts, data);
     const int64_t start = records[port].start_time_us.load(std::memory_order_relaxed);
     put_time(&texts, get_timestamp() - start);
-    traffic_line line;
-    put_json_line(&line, texts);
+    const traffic_line line = json_line(texts);
     return append_both(port, texts, line.view());
 }
 

@@ -86,7 +86,7 @@ std::string serialized_line(const frame &frame) {
     (void)json_object_dotset_number(line, "dataLength", frame.length);
     (void)json_object_dotset_string(line, "data", data.c_str());
     char *text = json_serialize_to_string(value);
-    const std::string made = text == nullptr ? "" : std::string(text) + "\n";
+    std::string made = text == nullptr ? "" : std::string(text) + "\n";
     json_free_serialized_string(text);
     json_value_free(value);
     return made;
@@ -94,11 +94,8 @@ std::string serialized_line(const frame &frame) {
 
 void expect_lines_as_printed(const frame &frame, int number) {
     const traffic_texts texts = texts_of(frame);
-    traffic_line line;
-    put_json_line(&line, texts);
-    ASSERT_EQ(line.view(), serialized_line(frame));
-    put_csv_row(&line, texts, number);
-    ASSERT_EQ(line.view(), printed_row(frame, number));
+    ASSERT_EQ(json_line(texts).view(), serialized_line(frame));
+    ASSERT_EQ(csv_row(texts, number).view(), printed_row(frame, number));
 }
 
 void expect_times_as_printed_around(int64_t us) {
@@ -159,19 +156,33 @@ TEST(frame_text, times_of_any_size_are_as_printed) {
 }
 
 TEST(frame_text, lines_of_every_length_kind_and_identifier_are_as_printed) {
-    constexpr std::array<uint32_t, 12> ids = {
-        0, 1, 9, 10, 99, 0x7FF, 0x100, 0x800, 0xFFFF, 0x1ABCDEF0, 0x10000000, 0x1FFFFFFF};
+    constexpr uint32_t wide = CAN_EFF_FLAG;
+    constexpr std::array<uint32_t, 14> ids = {0,
+                                              1,
+                                              9,
+                                              10,
+                                              99,
+                                              0x100,
+                                              0x7FF,
+                                              wide,
+                                              wide | 1,
+                                              wide | 0x7FF,
+                                              wide | 0x800,
+                                              wide | 0xFFFF,
+                                              wide | 0x1ABCDEF0,
+                                              wide | 0x1FFFFFFF};
     int number = 1;
-    for (const uint32_t wide : ids) {
-        for (const bool extended : {false, true}) {
-            const uint32_t id = wide & (extended ? CAN_EFF_MASK : CAN_SFF_MASK);
-            for (const int rtr : {0, 1, 2, -1, INT32_MAX, INT32_MIN}) {
-                for (uint8_t length = 0; length <= CAN_MAX_DLEN; length++) {
-                    const traffic_direction direction = length % 2 ? TRAFFIC_SEND : TRAFFIC_RECEIVE;
-                    const frame frame{
-                        number * 1237, direction, id, extended, rtr, length, {0xFF, 0, 0x0A, 0xA0}};
-                    ASSERT_NO_FATAL_FAILURE(expect_lines_as_printed(frame, number++));
-                }
+    for (const uint32_t id : ids) {
+        for (const int rtr : {0, 1, 2, -1, INT32_MAX, INT32_MIN}) {
+            for (uint8_t length = 0; length <= CAN_MAX_DLEN; length++) {
+                const frame frame{number * 1237,
+                                  length % 2 ? TRAFFIC_SEND : TRAFFIC_RECEIVE,
+                                  id & CAN_EFF_MASK,
+                                  (id & wide) != 0,
+                                  rtr,
+                                  length,
+                                  {0xFF, 0, 0x0A, 0xA0, 0x12}};
+                ASSERT_NO_FATAL_FAILURE(expect_lines_as_printed(frame, number++));
             }
         }
     }
