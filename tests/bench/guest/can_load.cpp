@@ -23,6 +23,7 @@ struct load {
     unsigned count;
     unsigned first_id;
     unsigned ids;
+    unsigned before = 0; // frames that were sent already
 };
 
 unsigned number(const char *text) {
@@ -47,7 +48,7 @@ void send_burst(int socket, const load &load, uint8_t length, bool remote) {
     for (unsigned sent = 0; sent < load.count;) {
         const unsigned now = std::min(batch, load.count - sent);
         for (unsigned i = 0; i < now; i++) {
-            frames[i] = frame_of(load, sent + i, length);
+            frames[i] = frame_of(load, load.before + sent + i, length);
             frames[i].can_id |= remote ? CAN_RTR_FLAG : 0;
             parts[i] = {&frames[i], sizeof frames[i]};
             messages[i].msg_hdr.msg_iov = &parts[i];
@@ -92,6 +93,7 @@ void send_paced(int socket, load load, unsigned seconds, uint8_t length, bool re
         sleep_until_ns(start + int64_t{ms} * 1000000);
         const auto due = static_cast<unsigned>(uint64_t{rate} * ms / 1000);
         load.count = due - sent;
+        load.before = sent;
         send_burst(socket, load, length, remote);
         sent = due;
     }

@@ -6,9 +6,11 @@ import time
 
 import guest
 import receive
+import recording
 from guest import BIN, Program, Service, rows
 
 GROUP = "loss"
+FILE_LIMIT = 384000
 FULL = ("can0", 9009, 8), ("can1", 9009, 8)
 CASES = (
     ("two full ports, 8 bytes", FULL),
@@ -75,6 +77,61 @@ def measure_case(report, name: str, loads, speed: str, seconds: int, wanted: boo
                 f" the gateway a frame; the socket dropped {'some' if dropped else 'none'}.")
 
 
+def record_on_and_on(service: Service, sender) -> tuple[list[bytes], int]:
+    """The rows of each recording, until the sender is done, and how many of the recordings fell
+    behind: frames were waiting at their end. A full file ends a recording, so that the next begins
+    before. The frames in between are not recorded. A client reads the log of the third, which
+    stands still meanwhile and may be behind."""
+    recordings = []
+    behind = 0
+    while sender.poll() is None:
+        recording.record(service, 1)
+        if len(recordings) == 2:
+            time.sleep(0.05)
+            service.rest("GET", "/traffic/1")
+        else:
+            time.sleep(0.2)
+            behind += not any(service.waits() for _ in range(50))
+        recording.record(service, 0)
+        recordings.append(recording.CSV.read_bytes())
+        if recording.JSON.stat().st_size + 200 > FILE_LIMIT:  # the larger of the two
+            raise SystemExit("a recording has ended by itself")
+    return recordings, behind
+
+
+def counted_and_missing(rows_of_recordings: list[bytes]) -> tuple[int, int]:
+    """Rows, and frames that are not there between two of them: the first byte counts the frames."""
+    counted = missing = 0
+    for text in rows_of_recordings:
+        firsts = [int(row.rsplit(b'"', 2)[1][:2], 16) for row in text.splitlines()[1:]]
+        counted += len(firsts)
+        missing += sum((after - before - 1) % 256 for before, after in zip(firsts, firsts[1:]))
+    return counted, missing
+
+
+def measure_recorded(report, speed: str, seconds: int, wanted: bool) -> None:
+    """wanted: no frame may be lost at this speed."""
+    case = f"one full port, 8 bytes, recorded, {speed}"
+    goal = {"goal": {"at_most": 0}} if wanted else {}
+    with service_of_two_ports() as service:
+        sender = send_paced("can0", 9009, 8, seconds)
+        recordings, behind = record_on_and_on(service, sender)
+        (sent,), cost = finish([sender])
+        time.sleep(5)
+        lost = sent - service.diagnose(1)["rxCount"]
+    counted, missing = counted_and_missing(recordings)
+    report.value(GROUP, case, "service", "lost frames", f"of {sent}", [lost], **goal)
+    report.value(GROUP, case, "service", "frames not in the file", f"of {counted}", [missing],
+                 **goal)
+    report.value(GROUP, case, "service", "recordings that fell behind", f"of {len(recordings) - 1}",
+                 [behind], **goal)
+    report.line(group=GROUP, note=(
+        f"{case}: a file holds some 3500 frames, so {len(recordings)} recordings followed one"
+        f" another, the log of one was read, and {counted} frames of {sent} were recorded; the"
+        " others came between two recordings."
+        f" The sender took {cost:.0f} ns of the gateway a frame."))
+
+
 def keeps_up(program: Program, rate: int) -> bool:
     """Whether the rate was held for two seconds, and no frame waits a moment after them."""
     seconds = 2
@@ -121,4 +178,5 @@ def measure(report, options) -> None:
         " and import a configuration, and the process stands still for two seconds."))
     for name, loads in CASES:
         measure_case(report, name, loads, speed, 6, options.shift <= 1)
+    measure_recorded(report, speed, 6, options.shift <= 1)
     measure_rates(report, speed)

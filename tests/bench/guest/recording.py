@@ -10,6 +10,8 @@ GROUP = "recording"
 CASE = "4 tags, recorded"
 FEW, MANY = 200, 1400  # a file is full after some 3000
 FOLDER = pathlib.Path("/run/tmp/kt-can-proprietary")
+CSV = FOLDER / "traffic-log0.csv"
+JSON = FOLDER / "traffic-log0.json"
 
 
 def record(service: Service, option: int) -> None:
@@ -19,7 +21,7 @@ def record(service: Service, option: int) -> None:
 
 
 def recorded_rows() -> int:
-    return (FOLDER / "traffic-log0.csv").read_bytes().count(b"\n") - 1
+    return CSV.read_bytes().count(b"\n") - 1
 
 
 def recorded_burst(service: Service, count: int) -> int:
@@ -55,9 +57,9 @@ def measure_system_calls(report, service: Service) -> None:
     named = ", ".join(f"{name} {number / count:.2f}" for name, number in sorted(calls.items()))
     report.line(group=GROUP, note=f"System calls of the service for a recorded frame: {named}."
                 " select and recvfrom take the frame; flock is the lock on the kept file, and the"
-                " unlock; fstat64, the one call that the floor has not, sees whether that file still"
-                " has its name: others would lock another one; openat, _llseek, which tells the"
-                " size, write and close append to each of the two files.")
+                " unlock; fstat64, the one call that the floor has not, sees whether that file"
+                " still has its name: others would lock another one; openat, _llseek, which tells"
+                " the size, write and close append to each of the two files.")
 
 
 def measure(report, options) -> None:
