@@ -42,7 +42,7 @@ measure() { # NAME COMMAND...
 }
 
 if [ $how = page ]; then
-    measure can "$here/arm_guest.sh" receive transmit recording idle latency
+    measure can "$here/arm_guest.sh" receive transmit recording idle latency cyclic
     measure loss-500 "$here/arm_guest.sh" --shift 1 loss
     measure loss-250 "$here/arm_guest.sh" --shift 2 loss
 else

@@ -1,10 +1,7 @@
-"""Group latency: from a bus to another process and back, and how cyclic frames keep their time."""
+"""Group latency: from a bus to another process and back."""
 
 import math
 import pathlib
-import statistics
-import struct
-import socket
 import subprocess
 import time
 
@@ -76,39 +73,6 @@ def stop(*processes) -> None:
         process.wait()
 
 
-def cyclic_times(count: int, interval: int, seconds: int) -> list[list[float]]:
-    """When the frames of each identifier came, in milliseconds."""
-    with socket.socket(socket.AF_CAN, socket.SOCK_RAW, socket.CAN_RAW) as bus:
-        bus.setsockopt(socket.SOL_SOCKET, 29, 1)  # SO_TIMESTAMP
-        bus.bind(("can0",))
-        bus.settimeout(0.5)
-        times: list[list[float]] = [[] for _ in range(count)]
-        end = time.monotonic() + seconds
-        while time.monotonic() < end:
-            try:
-                data, extra, _, _ = bus.recvmsg(16, 64)
-            except TimeoutError:
-                continue
-            whole, part = struct.unpack("=ll" if len(extra[0][2]) == 8 else "=qq", extra[0][2])
-            times[struct.unpack("=I", data[:4])[0] - 0x300].append(whole * 1000 + part / 1000)
-    return times
-
-
-def measure_cyclic(report, transactions: int, interval: int, seconds: int) -> None:
-    produced = (rows.produce(f"c{n}", rows.frame(0x300 + n, 8), interval=interval)
-                for n in range(transactions))
-    with Service(rows.device("d", *produced)):
-        times = cyclic_times(transactions, interval, seconds)
-    periods = [b - a for one in times for a, b in zip(one, one[1:])]
-    if not periods:
-        raise SystemExit("no cyclic frames")
-    case = f"{transactions} cyclic of {interval} ms"
-    longest = max(abs(period - interval) for period in periods)
-    drift = statistics.mean(periods) - interval
-    report.value(GROUP, case, "service", "ms longest deviation of a period", "ms", [longest])
-    report.value(GROUP, case, "service", "ms drift of a period", "ms", [drift])
-
-
 def measure(report, options) -> None:
     count = 300 if options.check else 10000
     report.line(group=GROUP, title="Latency")
@@ -120,9 +84,7 @@ def measure(report, options) -> None:
         " service has a thread of its own that learns of writes, so the floor hands the value on in"
         " the same two steps: a thread that a futex wakes wakes the port's by an eventfd. With one"
         " hop the writer puts the value into a pipe that the port's thread waits for. A floor has"
-        " the port to itself and the precedence of a port's thread."
-        " A cyclic transaction is due again its interval after it was sent, on purpose, so a"
-        " period is its interval and what the sending takes."))
+        " the port to itself and the precedence of a port's thread."))
     with Service(device()):
         measure_both_ways(report, "idle", count)
         if not options.check:
@@ -136,5 +98,3 @@ def measure(report, options) -> None:
         processes = start_load(), start_requests()
         measure_floors(report, "other port full, REST busy", BUSY_COUNT)
         stop(*processes)
-    for transactions, interval in ((1, 10), (1, 1000), (100, 100), (250, 250), (250, 1000)):
-        measure_cyclic(report, transactions, interval, 60)

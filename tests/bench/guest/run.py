@@ -16,6 +16,7 @@ def main() -> None:
     parser.add_argument("--out", required=True)
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--shift", type=int, default=0)
+    parser.add_argument("--seconds", type=int, default=0)
     parser.add_argument("groups", nargs="+")
     options = parser.parse_args()
     guest.prepare_machine()
