@@ -38,8 +38,6 @@ using steady = std::chrono::steady_clock;
     exit(1);
 }
 
-// The server -----------------------------------------------------------------------------------
-
 MHD_Result on_request(void *context,
                       MHD_Connection *connection,
                       const char * /*path*/,
@@ -100,8 +98,6 @@ int serve(const char *path) {
     MHD_stop_daemon(daemon);
     return 0;
 }
-
-// The client -----------------------------------------------------------------------------------
 
 /** A connection that asks the same thing again and again. */
 class asker {

@@ -47,8 +47,6 @@ struct request {
     int status;
 };
 
-// Bodies ---------------------------------------------------------------------------------------
-
 std::string tag_json(int tag) {
     return R"({"blockType":0,"tagName":"value-)" + std::to_string(tag) +
            R"(","tagType":6,"tagSize":2,"access":"ro","startOffset":)" + std::to_string(2 * tag) +
@@ -89,8 +87,6 @@ std::string upload(const std::string &content) {
            "Content-Type: text/csv\r\n\r\n" +
            content + "\r\n--edge--\r\n";
 }
-
-// The table --------------------------------------------------------------------------------------
 
 std::vector<request> reading_requests() {
     return {
@@ -207,8 +203,6 @@ std::vector<request> changing_requests(const std::string &file) {
          201},
     };
 }
-
-// Measuring --------------------------------------------------------------------------------------
 
 void send(const request &request) {
     const char *body = request.body.empty() ? nullptr : request.body.c_str();
