@@ -12,21 +12,26 @@
 class pass_clock {
 public:
     pass_clock() = default;
-    explicit pass_clock(uint32_t now_ms) : now_(now_ms), known_(true) {}
+    explicit pass_clock(uint32_t now_ms) : now_{now_ms, 0}, known_(true) {}
 
     uint32_t now() {
         if (!known_) {
-            now_ = sys_clock_ms();
+            now_ = sys_clock_read();
             known_ = true;
         }
-        return now_;
+        return now_.ms;
     }
+
+    [[nodiscard]] bool is_known() const { return known_; }
+
+    /** Of the millisecond that now() gave. */
+    [[nodiscard]] uint32_t us_passed() const { return now_.us_passed; }
 
     /** Time may have passed: a call that sends or waits. */
     void forget() { known_ = false; }
 
 private:
-    uint32_t now_ = 0;
+    clock_reading now_{};
     bool known_ = false;
 };
 

@@ -164,11 +164,25 @@ int wait_for_input(const can_module *module, timeval *timeout, fd_set *readable)
 
 /** Whether a wait that began with this timeout ended at once, of which the kernel leaves a trace.
  */
-bool ended_at_once(int32_t wait_ms, const timeval &left) {
+bool ended_at_once(int32_t wait_us, const timeval &left) {
     constexpr int64_t at_once_us = 20;
-    const int64_t passed =
-        int64_t{wait_ms} * 1000 - (int64_t{left.tv_sec} * 1000000 + left.tv_usec);
+    const int64_t passed = wait_us - (int64_t{left.tv_sec} * 1000000 + left.tv_usec);
     return passed > 0 && passed < at_once_us;
+}
+
+/**
+ * Something is due when the clock's millisecond begins, so what has passed of this one is no part
+ * of the wait: else every period of a cyclic transaction would be late by what sending it took. And
+ * a thousandth of a long wait is left for the next, for by so much the kernel may be late.
+ */
+int32_t wait_us_of(int32_t wait_ms, const pass_clock &clock) {
+    constexpr int32_t long_wait_us = 100000;
+    const int32_t wait_us = wait_ms * 1000;
+    if (wait_ms <= 0 || !clock.is_known()) {
+        return wait_us;
+    }
+    const int32_t left = wait_us - static_cast<int32_t>(clock.us_passed());
+    return left < long_wait_us ? left : left - left / 1000;
 }
 
 /**
@@ -209,13 +223,14 @@ int wait_in_turn(can_module *module, fd_set *readable) {
     const int32_t wait_ms =
         std::max(receive_wait(module, module->clock), module->link_lost ? lost_link_wait_ms : 0);
     check_deadlines(module);
+    const int32_t wait_us = wait_us_of(wait_ms, module->clock);
     module->clock.forget();
-    timeval timeout{wait_ms / 1000, wait_ms % 1000 * 1000L};
+    timeval timeout{wait_us / 1000000, wait_us % 1000000};
     const int ready = wait_for_input(module, &timeout, readable);
     if (ready > 0) {
         module->frames_waiting =
-            is_in_set(module->socket, readable) && ended_at_once(wait_ms, timeout);
-    } else if (ready == 0 && wait_ms > 0) {
+            is_in_set(module->socket, readable) && ended_at_once(wait_us, timeout);
+    } else if (ready == 0 && wait_us > 0) {
         can_link_check_loss(module);
     }
     return ready;

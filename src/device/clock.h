@@ -6,6 +6,14 @@
 /** Monotonic milliseconds. Wraps after 49.7 days: compare with clock_difference(). Any thread. */
 uint32_t sys_clock_ms();
 
+/** sys_clock_ms(), and the microseconds since it took that value. */
+struct clock_reading {
+    uint32_t ms;
+    uint32_t us_passed; /* 0 to 999 */
+};
+
+clock_reading sys_clock_read();
+
 /** Monotonic microseconds. Any thread. */
 int64_t get_timestamp();
 

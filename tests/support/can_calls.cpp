@@ -99,6 +99,7 @@ ssize_t __wrap_sendto(int fd,
 }
 
 int __wrap_select(int count, fd_set *readable, fd_set *writable, fd_set *failing, timeval *time) {
+    settings.waits_us.push_back(int64_t{time->tv_sec} * 1000000 + time->tv_usec);
     settings.waits_ms.push_back(int64_t{time->tv_sec} * 1000 + time->tv_usec / 1000);
     if (settings.on_select) {
         settings.on_select();

@@ -26,6 +26,7 @@ struct can_call_settings {
     int select_errno = 0;
     std::function<void()> on_select;
     std::vector<int64_t> waits_ms;
+    std::vector<int64_t> waits_us;
     std::optional<int64_t> waited_us; /* what select() then says to have waited */
     int socket_errno = 0;
     int bind_errno = 0;

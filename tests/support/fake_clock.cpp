@@ -9,6 +9,10 @@ uint32_t sys_clock_ms() {
     return g_fake_clock_ms;
 }
 
+clock_reading sys_clock_read() {
+    return {g_fake_clock_ms, 0};
+}
+
 int64_t get_timestamp() {
     return g_fake_timestamp_us;
 }

@@ -250,10 +250,41 @@ TEST_F(receive_pass, waits_a_second_when_there_is_nothing_to_do) {
 }
 
 TEST_F(receive_pass, waits_as_long_as_the_engine_can_afford) {
-    can_add_produce(device(), "p", TRIGGER_CYCLIC, 1)->cyclicInterval = 123;
+    can_add_produce(device(), "p", TRIGGER_CYCLIC, 1)->cyclicInterval = 45;
     build();
     (void)rx();
-    EXPECT_THAT(can_calls().waits_ms, ElementsAre(123));
+    EXPECT_THAT(can_calls().waits_ms, ElementsAre(45));
+}
+
+TEST_F(receive_pass, waits_for_the_beginning_of_a_due_millisecond) {
+    can_add_produce(device(), "p", TRIGGER_CYCLIC, 0x10)->cyclicInterval = 50;
+    build(1000);
+    can_clock_set_us_passed(300);
+    (void)rx();
+    can_clock_set(1049);
+    can_clock_set_us_passed(999);
+    (void)rx();
+    can_clock_set(1050);
+    can_clock_set_us_passed(300);
+    (void)rx(); // it is due
+    EXPECT_THAT(can_calls().waits_us, ElementsAre(49700, 1, 0));
+}
+
+/** The kernel may be late by a thousandth. */
+TEST_F(receive_pass, ends_a_long_scheduled_wait_early) {
+    can_add_produce(device(), "p", TRIGGER_CYCLIC, 0x10)->cyclicInterval = 100;
+    build(1000);
+    (void)rx();
+    can_clock_set_us_passed(1);
+    (void)rx();
+    EXPECT_THAT(can_calls().waits_us, ElementsAre(99900, 99999));
+}
+
+TEST_F(receive_pass, with_nothing_scheduled_waits_a_second) {
+    can_clock_set_us_passed(300);
+    build(1000);
+    (void)rx();
+    EXPECT_THAT(can_calls().waits_us, ElementsAre(1000000));
 }
 
 TEST_F(receive_pass, returns_the_result_of_a_failed_wait) {

@@ -26,6 +26,15 @@ TEST(clock, milliseconds_are_its_low_32_bits) {
     EXPECT_GE(clock_difference(static_cast<uint32_t>(after / 1000), now), 0);
 }
 
+TEST(clock, a_reading_tells_how_much_of_its_millisecond_has_passed) {
+    const int64_t before = monotonic_us();
+    const clock_reading now = sys_clock_read();
+    const int64_t after = monotonic_us();
+    EXPECT_LT(now.us_passed, 1000U);
+    const auto low = static_cast<uint32_t>(before); // microseconds wrap in the same bits
+    EXPECT_LE(now.ms * 1000U + now.us_passed - low, static_cast<uint32_t>(after - before));
+}
+
 TEST(clock, difference_is_right_across_the_wrap) {
     EXPECT_EQ(clock_difference(5, 3), 2);
     EXPECT_EQ(clock_difference(3, 5), -2);
