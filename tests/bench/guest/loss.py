@@ -93,6 +93,7 @@ def record_on_and_on(service: Service, sender) -> tuple[list[bytes], int]:
             time.sleep(0.2)
             behind += not any(service.waits() for _ in range(50))
         recording.record(service, 0)
+        time.sleep(0.01)  # for the frame that is under way: else it can be the next one's first
         recordings.append(recording.CSV.read_bytes())
         if recording.JSON.stat().st_size + 200 > FILE_LIMIT:  # the larger of the two
             raise SystemExit("a recording has ended by itself")
