@@ -33,7 +33,6 @@ struct dx_tag {
     uint32_t version;
     uint8_t short_size; // the size of a short value that nobody else writes, else 0
     uint8_t size;
-    uint32_t index; // of the slot
     std::atomic<void *> user_data;
     dx_entry entry;
 };
@@ -209,7 +208,6 @@ void fill_tag(dx_tag &tag, dx_handle &handle, uint32_t index, const tag_request 
     tag.slot = &handle.file.map->tags[index];
     tag.value = &value_of(*tag.slot, request.mode);
     tag.group = &handle.file.map->header.group_changes[index / group_slots];
-    tag.index = index;
     tag.version = tag.slot->version.load(std::memory_order_relaxed);
     tag.size = request.size;
     tag.short_size =
@@ -219,8 +217,12 @@ void fill_tag(dx_tag &tag, dx_handle &handle, uint32_t index, const tag_request 
     head = &tag.entry;
 }
 
+uint32_t slot_of(const dx_tag &tag) {
+    return static_cast<uint32_t>(tag.slot - tag.handle->file.map->tags);
+}
+
 void unlink_entry(dx_handle &handle, dx_tag &tag) {
-    dx_entry **link = &handle.heads[tag.index % DX_INDEX_COUNT];
+    dx_entry **link = &handle.heads[slot_of(tag) % DX_INDEX_COUNT];
     while (*link && *link != &tag.entry) {
         link = &(*link)->next;
     }
@@ -363,7 +365,7 @@ void dx_tag_destroy(dx_tag *tag) {
         unlink_entry(handle, *tag);
         const registration registered(handle.file);
         if (registered.code() == 0 && still_ours(*tag)) {
-            remove_tag(handle.file, tag->index);
+            remove_tag(handle.file, slot_of(*tag));
         }
     }
     delete tag;
