@@ -22,7 +22,9 @@ from kt_system.rest import Rest  # noqa: E402
 def pytest_configure(config):
     if not lane.LANE:
         pytest.exit("run these through the lane scripts in tests/support", 2)
-    # A shell that runs a lane in the background lets it ignore these, and so would each program.
+    # A shell that runs a lane in the background lets it ignore these, nohup the first, and so would
+    # each program.
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGQUIT, signal.SIG_DFL)
 
