@@ -13,9 +13,9 @@
 #include <iterator>
 #include <mutex>
 #include <new>
+#include <pthread.h>
 #include <string_view>
 #include <sys/file.h>
-#include <sys/mman.h>
 
 // One lock. Kept ones stay in the table with their descriptor open, so that taking the lock again
 // costs two system calls, flock and fstat; since the threads of this process share that descriptor,
@@ -65,33 +65,19 @@ kt_semaphore *find_kept(std::string_view key) {
     return nullptr;
 }
 
-// A word that the kernel makes 0 in a child of fork(), NULL where it cannot.
-std::atomic<pid_t> *map_wiped_word() {
-    void *page = mmap(nullptr,
-                      sizeof(std::atomic<pid_t>),
-                      PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS,
-                      -1,
-                      0);
-    if (page == MAP_FAILED) {
-        return nullptr;
-    }
-    if (madvise(page, sizeof(std::atomic<pid_t>), MADV_WIPEONFORK) != 0) {
-        (void)munmap(page, sizeof(std::atomic<pid_t>)); // fails for arguments alone
-        return nullptr;
-    }
-    return new (page) std::atomic<pid_t>(0);
+std::atomic<pid_t> kept_id = 0; // of this process, 0 where it has to be asked for
+
+void forget_id() {
+    kept_id.store(0, std::memory_order_relaxed);
 }
 
-// getpid(), as a system call only the first time in a process.
+// getpid(), as a system call only the first time in a process: a child of fork() forgets.
 pid_t this_process() {
-    static std::atomic<pid_t> *const kept = map_wiped_word();
-    pid_t id = kept ? kept->load(std::memory_order_relaxed) : 0;
+    static const bool can_keep = pthread_atfork(nullptr, nullptr, forget_id) == 0;
+    pid_t id = kept_id.load(std::memory_order_relaxed);
     if (id == 0) {
         id = getpid();
-        if (kept) {
-            kept->store(id, std::memory_order_relaxed);
-        }
+        kept_id.store(can_keep ? id : 0, std::memory_order_relaxed);
     }
     return id;
 }
