@@ -122,6 +122,9 @@ remains() {
 
 install() { dpkg -i "$1"/*.deb; }
 
+bridge_status() { mosquitto_sub -h 127.0.0.1 -W $patience -C 1 -t "kt/$(hostname)/status"; }
+bridge_offline() { bridge_status | grep -q offline; }
+
 # The bridge beside a broker of this machine, as its unit starts it
 use_the_bridge() {
     if [ "$supervisor" != systemd ]; then
@@ -132,18 +135,22 @@ use_the_bridge() {
     fi
     topic=kt/$(hostname)/tags/$tag
     fact published mosquitto_sub -h 127.0.0.1 -W $patience -C 1 -t "$topic"
-    fact status mosquitto_sub -h 127.0.0.1 -W $patience -C 1 -t "kt/$(hostname)/status"
+    fact status bridge_status
     fact bridge_process sh -c 'cat /proc/$(pgrep -o -x -u kt-dx-mqtt kt-dx-mqtt)/status'
     fact bridge_settings setpriv --reuid kt-dx-mqtt --regid kt-dx-mqtt --clear-groups \
         kt-dx-mqtt --check
     fact bridge_folders stat -c '%n %U:%G %a' /etc/kt-dx-mqtt /etc/kt-dx-mqtt.conf
     fact bridge_verified systemd-analyze verify --man=no $bridge_unit
     fact bridge_exposure systemd-analyze security --offline=true $bridge_unit
-    if [ "$supervisor" != systemd ]; then
+    # From here it stays away: its requests would be too early for a service that starts, see above.
+    if [ "$supervisor" = systemd ]; then
+        systemctl disable --now kt-dx-mqtt
+    else
         pkill -TERM -x kt-dx-mqtt
-        fact bridge_stopped mosquitto_sub -h 127.0.0.1 -W $patience -C 1 -t "kt/$(hostname)/status"
-        pkill -TERM -x mosquitto
     fi
+    await bridge_offline
+    fact bridge_stopped bridge_status
+    [ "$supervisor" = systemd ] || pkill -TERM -x mosquitto
 }
 bridge_unit=/lib/systemd/system/kt-dx-mqtt.service
 

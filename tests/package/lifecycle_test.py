@@ -109,6 +109,7 @@ def test_the_bridge_publishes_tags_as_a_user_without_rights(machine):
     value = json.loads(machine.good("published"))
     assert (value["value"], value["type"], value["quality"]) == (1500, "uint16", "good")
     assert json.loads(machine.good("status"))["state"] == "online"
+    assert json.loads(machine.good("bridge_stopped"))["state"] == "offline"
     lines = dict(line.split(":", 1) for line in machine.good("bridge_process").splitlines())
     assert "0" not in lines["Uid"].split()
     for name in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
