@@ -121,22 +121,25 @@ bool matches(const char *pattern, const char *name) {
     return !pattern || fnmatch(pattern, name, 0) == 0;
 }
 
-void tell_provider(provider_slot &place, uint32_t slot) {
+/** @return whether its dispatch thread waited for that */
+bool tell_provider(provider_slot &place, uint32_t slot) {
     const uint32_t index = slot % DX_INDEX_COUNT;
     place.changed[index / 32].fetch_or(1U << (index % 32), std::memory_order_release);
     place.wake.fetch_add(1, std::memory_order_release);
-    futex_wake_all(place.wake);
+    return futex_wake_all(place.wake);
 }
 
-void store_value(dx_client &client, const tag_record &record, uint64_t value) {
+/** @return whether a dispatch thread was woken for it */
+bool store_value(dx_client &client, const tag_record &record, uint64_t value) {
     store_layout &map = *client.file.map;
     tag_slot &slot = map.tags[record.slot];
     value_of(slot, DX_WRITE_ONLY).store(value, std::memory_order_release);
     slot.stamp_ms.store(stamp_now_ms(), std::memory_order_release);
     count_write(map, record.slot);
     slot.pending.store(record.version, std::memory_order_release);
-    tell_provider(map.providers[record.provider], record.slot);
+    const bool woken = tell_provider(map.providers[record.provider], record.slot);
     commit_changes(map.header);
+    return woken;
 }
 
 /** Marks everything as seen. */
@@ -306,16 +309,15 @@ int dx_client_write(dx_client *client, const dx_tag_info *info, const void *data
     if (size != record.size) {
         return DX_WRONG_SIZE;
     }
-    if (!provider_alive(client->file, record.provider)) {
-        return DX_PROVIDER_DEAD;
-    }
     if (!client->file.writable) {
-        return DX_NO_PERMISSION;
+        return provider_alive(client->file, record.provider) ? DX_NO_PERMISSION : DX_PROVIDER_DEAD;
     }
     uint64_t value = 0;
     memcpy(&value, data, size);
-    store_value(*client, record, value);
-    return DX_OK;
+    // Whose thread was woken lives. Asked first, the kernel would keep every frame waiting for
+    // that.
+    const bool woken = store_value(*client, record, value);
+    return woken || provider_alive(client->file, record.provider) ? DX_OK : DX_PROVIDER_DEAD;
 }
 
 int dx_client_list(dx_client *client, const char *pattern, dx_visit visit, void *context) {

@@ -106,7 +106,7 @@ void stop_dispatch(dx_handle &handle) {
     provider_slot &place = handle.file.map->providers[handle.provider];
     handle.stop.store(true, std::memory_order_release);
     place.wake.fetch_add(1, std::memory_order_release);
-    futex_wake_all(place.wake);
+    (void)futex_wake_all(place.wake);
     (void)pthread_join(handle.thread, nullptr); // fails only for a thread that is not there
 }
 

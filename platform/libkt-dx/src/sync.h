@@ -12,9 +12,12 @@
 
 namespace kt_dx {
 
-/** Shared futexes: the words lie in the file, so the waiter may be another process. */
-inline void futex_wake_all(std::atomic<uint32_t> &word) {
-    (void)syscall(SYS_futex, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+/**
+ * Shared futexes: the words lie in the file, so the waiter may be another process.
+ * @return whether anyone waited
+ */
+inline bool futex_wake_all(std::atomic<uint32_t> &word) {
+    return syscall(SYS_futex, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0) > 0;
 }
 
 /**
@@ -58,7 +61,7 @@ inline void commit_changes(store_header &header) {
         seen, (seen & ~1U) + 2, std::memory_order_release, std::memory_order_relaxed)) {
     }
     if (seen & 1) {
-        futex_wake_all(header.commit);
+        (void)futex_wake_all(header.commit);
     }
 }
 

@@ -44,6 +44,22 @@ TEST_F(dx_crash, tags_of_a_killed_provider_are_gone) {
     EXPECT_EQ(dx_client_write(client.get(), &wo, &value, 8), DX_UNKNOWN_TAG);
 }
 
+TEST_F(dx_crash, a_writer_learns_that_the_thread_it_wakes_is_gone) {
+    const signal_pipe ready;
+    child_process child([&ready] {
+        const handle_ptr handle = new_provider([](dx_handle *, const uint8_t *) {}, "child");
+        const bool there = add(handle, "wo") && ready.send();
+        return there ? pause() : 1;
+    });
+    ASSERT_TRUE(ready.wait());
+    const client_ptr client = open_client();
+    const dx_tag_info wo = find(client, "wo");
+    const uint64_t value = 1;
+    EXPECT_EQ(dx_client_write(client.get(), &wo, &value, 8), DX_OK);
+    child.kill_hard();
+    EXPECT_EQ(dx_client_write(client.get(), &wo, &value, 8), DX_PROVIDER_DEAD);
+}
+
 TEST_F(dx_crash, next_provider_takes_the_names_over) {
     const signal_pipe ready;
     const auto child = provider_child(ready, rest);

@@ -93,7 +93,8 @@ int dx_client_read(struct dx_client *client,
  *
  * @param size  exactly info->size
  * @retval DX_OK, DX_BAD_ARGUMENT, DX_UNKNOWN_TAG, DX_IS_READ_ONLY, DX_WRONG_SIZE, DX_PROVIDER_DEAD,
- *         DX_NO_PERMISSION; nothing was written unless DX_OK
+ *         DX_NO_PERMISSION; nothing was written unless DX_OK. A dead provider's tag may have taken
+ *         the value, which nobody reads any more.
  */
 int dx_client_write(struct dx_client *client,
                     const struct dx_tag_info *info,
