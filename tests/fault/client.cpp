@@ -163,6 +163,9 @@ bool settle() {
     uint32_t before = injection::activity();
     int quiet = 0;
     for (int i = 0; i < rounds; i++) {
+        if (injection::is_in_vain()) {
+            return true;
+        }
         const bool same = injection::activity() == before;
         before = injection::activity();
         quiet = same && is_asleep() ? quiet + 1 : 0;

@@ -34,7 +34,8 @@ bool has_server(const std::string &root);
 
 /**
  * Wait until every other thread of this process sleeps, no child runs and nothing has been counted
- * since. @return false when that has not come to pass in ten seconds
+ * since, or what runs asks for memory in vain. @return false when that has not come to pass in ten
+ * seconds
  */
 bool settle();
 

@@ -111,6 +111,12 @@ uint32_t injection::activity() {
     return all_activity.load();
 }
 
+bool injection::is_in_vain() {
+    constexpr uint32_t often = 5'000'000; // half a second of nothing else
+    return is_armed.load() && planned.what == fault::NO_MEMORY && planned.lasting &&
+           occasions.load() > often;
+}
+
 /** Interruptions end some time. */
 uint32_t injection::length_of(const plan &what) {
     constexpr uint32_t interruptions = 16;

@@ -39,6 +39,12 @@ uint32_t seen();
 /** Allocations and system calls of subject threads at any time, to see whether they are busy. */
 uint32_t activity();
 
+/**
+ * Whether memory has been refused so often since arm() that whoever still asks asks for ever, as
+ * libmicrohttpd's thread does before each of its waits.
+ */
+bool is_in_vain();
+
 /** Count one occasion. @return whether the fault happens now */
 bool happens_now(fault what);
 
