@@ -2,9 +2,12 @@
 #include "can_port_fixture.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/can/error.h>
+#include <sys/select.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -326,6 +329,19 @@ TEST_F(receive_pass, takes_one_frame) {
     EXPECT_EQ(rx(), 0);
     EXPECT_EQ(record.rxCount, 2U);
     EXPECT_EQ(record.bit_count, 75U + 83U);
+}
+
+TEST_F(receive_pass, takes_a_frame_through_a_descriptor_beyond_the_first_word_of_a_set) {
+    constexpr int beyond = 8 * sizeof(fd_mask) + 1;
+    const int high = fcntl(module.socket, F_DUPFD_CLOEXEC, beyond);
+    ASSERT_GE(high, beyond);
+    (void)close(std::exchange(module.socket, high));
+    build();
+    EXPECT_EQ(rx(), 0);
+    EXPECT_EQ(record.rxCount, 0U);
+    put(0x10, {1});
+    EXPECT_EQ(rx(), 0);
+    EXPECT_EQ(record.rxCount, 1U);
 }
 
 TEST_F(receive_pass, takes_tag_writes_and_a_frame_together) {
