@@ -66,6 +66,24 @@ void free_modules() {
     }
 }
 
+/**
+ * The ports must be known before anything is done with the databases: the first start writes a row
+ * for each, and no later one adds to them.
+ */
+bool find_ports() {
+    if (g_can_port_list != nullptr) {
+        return true;
+    }
+    g_can_port_list = can_list(0);
+    if (g_can_port_list == nullptr) {
+        log_error("can_list fail\n");
+        return false;
+    }
+    g_can_port_count.store(can_get_number(g_can_port_list), std::memory_order_relaxed);
+    can_module_init();
+    return true;
+}
+
 void free_port_list() {
     if (g_can_port_list == nullptr) {
         return;
@@ -153,15 +171,16 @@ int main(int argc, char **argv) {
         log_error("can_proprietary rest init fail\n"); // the CAN side serves all the same
     }
     can_proprietary_dx_create();
-    g_can_port_list = can_list(0);
-    g_can_port_count.store(can_get_number(g_can_port_list), std::memory_order_relaxed);
-    can_module_init();
+    (void)find_ports(); // the loop asks again
 
     while (!stop_requested()) {
-        if (can_proprietary_db_init_user_config() != 0) {
+        if (!find_ports()) {
+            pause_unless_wanted(10); // at a pace that a log can bear
+        } else if (can_proprietary_db_init_user_config() != 0) {
             return -1;
+        } else {
+            run_pass();
         }
-        run_pass();
         can_proprietary_restart.store(0, std::memory_order_relaxed);
     }
 

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <new>
@@ -24,7 +25,6 @@ namespace {
 
 constexpr const char *net_class = "/sys/class/net";
 using folder_ptr = std::unique_ptr<DIR, call_on_delete<closedir>>;
-using file_ptr = std::unique_ptr<FILE, call_on_delete<fclose>>;
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -62,15 +62,29 @@ int compare_natural(std::string_view left, std::string_view right) {
     return left.empty() ? (right.empty() ? 0 : -1) : 1;
 }
 
+/**
+ * What could not be looked at for want of memory or descriptors must not pass for what is not
+ * there: whoever asks for the ports may write down how many they are.
+ */
+void throw_for_want_of_resources() {
+    if (errno == ENOMEM || errno == EMFILE || errno == ENFILE) {
+        throw std::bad_alloc();
+    }
+}
+
 bool is_can_interface(const char *net_folder, const char *name) {
     char path[PATH_MAX];
     const int length = snprintf(path, sizeof path, "%s/%s/type", net_folder, name);
     if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
         return false;
     }
-    const file_ptr file(fopen(path, "re"));
-    char text[16];
-    return file && fgets(text, sizeof text, file.get()) && strtol(text, nullptr, 10) == ARPHRD_CAN;
+    const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        throw_for_want_of_resources();
+        return false;
+    }
+    char text[16]{};
+    return read(file.get(), text, sizeof text - 1) > 0 && strtol(text, nullptr, 10) == ARPHRD_CAN;
 }
 
 void report(std::string_view name, const char *why) {
@@ -130,6 +144,9 @@ std::vector<std::string> listed_interfaces(std::string_view list) {
 std::vector<std::string> kernel_can_interfaces(const char *net_folder) {
     std::vector<std::string> names;
     const folder_ptr folder(opendir(net_folder));
+    if (!folder) {
+        throw_for_want_of_resources();
+    }
     while (const dirent *entry = folder ? readdir(folder.get()) : nullptr) {
         if (entry->d_name[0] == '.' || !is_can_interface(net_folder, entry->d_name)) {
             continue;

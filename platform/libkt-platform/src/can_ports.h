@@ -14,7 +14,10 @@ bool natural_less(const std::string &left, const std::string &right);
 /** The valid names in a comma-separated list, in its order; others are reported. */
 std::vector<std::string> listed_interfaces(std::string_view list);
 
-/** Names of the CAN interfaces in a folder like /sys/class/net, in natural order. */
+/**
+ * Names of the CAN interfaces in a folder like /sys/class/net, in natural order.
+ * @throw std::bad_alloc  memory or descriptors ran out
+ */
 std::vector<std::string> kernel_can_interfaces(const char *net_folder);
 
 #endif

@@ -120,6 +120,9 @@ extern "C" {
 
 char **can_list(int selector) {
     note("can list " + std::to_string(selector));
+    if (g_fake_service->lists_in_vain-- > 0) {
+        return nullptr;
+    }
     const size_t count = g_fake_service->ports.size();
     auto **list = static_cast<char **>(calloc(count + 1, sizeof(char *)));
     for (size_t i = 0; i < count; i++) {

@@ -10,6 +10,7 @@
 
 struct fake_service {
     std::vector<std::string> ports;
+    int lists_in_vain = 0; /* calls of can_list() that have no memory */
     int rest_result = 0;
     std::function<void()> first_step;          /* called by the first call of the entry */
     std::function<int()> prepare_databases;    /* result of the start of a pass, 0 without it */

@@ -17,6 +17,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using calls = std::vector<std::string>;
 
 void stop() {
@@ -204,6 +205,23 @@ TEST_F(service, stays_alive_without_ports) {
     EXPECT_EQ(fake.calls, joined({start_up, {"databases", "databases", "databases"}, shut_down}));
     EXPECT_EQ(g_fake_sleep.slept_ms, std::vector<long>(3, 100));
     EXPECT_THAT(fake.port_threads, IsEmpty());
+}
+
+TEST_F(service, without_memory_for_the_ports_asks_again_before_it_touches_the_databases) {
+    fake.lists_in_vain = 2;
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }),
+                ElementsAre("find_ports|can_list fail\n", "find_ports|can_list fail\n"));
+    const calls again = {"can list 0", "can list 0"};
+    EXPECT_EQ(fake.calls, joined({start_up, again, begin_of_pass, end_of_pass, shut_down}));
+    EXPECT_EQ(g_fake_sleep.slept_ms, std::vector<long>(10, 100));
+    EXPECT_THAT(sorted_threads(), ElementsAre(0, 1));
+}
+
+TEST_F(service, a_stop_ends_the_wait_for_the_ports) {
+    fake.lists_in_vain = 1000;
+    g_fake_sleep.during = [] { stop(); };
+    EXPECT_THAT(messages_of([] { EXPECT_EQ(service_main(), 0); }), SizeIs(2));
+    EXPECT_EQ(fake.calls, joined({start_up, {"can list 0"}, shut_down}));
 }
 
 TEST_F(service, restart_flag_is_cleared_without_ports_too) {

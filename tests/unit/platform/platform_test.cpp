@@ -9,7 +9,10 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <memory>
+#include <new>
+#include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -29,6 +32,24 @@ name_list take_list(int selector = 0) {
     free(list);
     return taken;
 }
+
+/** While it lives, only so many descriptors more can be had. */
+class scarce_descriptors {
+public:
+    explicit scarce_descriptors(rlim_t more) {
+        const int next = dup(STDERR_FILENO);
+        (void)close(next);
+        (void)getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit now{static_cast<rlim_t>(next) + more, before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &now), 0);
+    }
+    ~scarce_descriptors() { (void)setrlimit(RLIMIT_NOFILE, &before_); }
+    scarce_descriptors(const scarce_descriptors &) = delete;
+    scarce_descriptors &operator=(const scarce_descriptors &) = delete;
+
+private:
+    rlimit before_{};
+};
 
 class can_ports : public scratch_folder {
 protected:
@@ -124,6 +145,22 @@ TEST_F(can_ports, kernel_interface_with_an_unusable_name_is_left_out) {
 
 TEST_F(can_ports, machine_without_interfaces_has_an_empty_list) {
     EXPECT_THAT(kernel_can_interfaces(path("missing").c_str()), IsEmpty());
+}
+
+TEST_F(can_ports, without_a_descriptor_for_the_folder_or_an_interface_nothing_is_listed) {
+    add_interface("can0", "280\n");
+    for (const rlim_t descriptors : {0, 1}) {
+        const scarce_descriptors none_but(descriptors);
+        EXPECT_THROW((void)kernel_can_interfaces(path_.c_str()), std::bad_alloc) << descriptors;
+    }
+    const scarce_descriptors two(2);
+    EXPECT_THAT(kernel_can_interfaces(path_.c_str()), ElementsAre("can0"));
+}
+
+TEST_F(can_ports, without_descriptors_there_is_no_list_at_all) {
+    (void)unsetenv("KT_CAN_PORTS");
+    const scarce_descriptors none(0);
+    EXPECT_EQ(can_list(0), nullptr);
 }
 
 TEST_F(can_ports, without_a_list_the_kernels_interfaces_are_the_ports) {
