@@ -92,9 +92,9 @@ dx_sample sample_slot(tag_slot &slot, int mode, size_t size) {
 }
 
 /** The tag that info describes, if it is still there. */
-bool current_record(const dx_client &client, const dx_tag_info &info, tag_record &record) {
+bool current_head(const dx_client &client, const dx_tag_info &info, tag_head &head) {
     return info.slot < max_tags && (info.version & 1) &&
-           read_record(*client.file.map, info.slot, record) && record.version == info.version;
+           read_head(*client.file.map, info.slot, head) && head.version == info.version;
 }
 
 bool anyone_dead(const store &file) {
@@ -130,14 +130,14 @@ bool tell_provider(provider_slot &place, uint32_t slot) {
 }
 
 /** @return whether a dispatch thread was woken for it */
-bool store_value(dx_client &client, const tag_record &record, uint64_t value) {
+bool store_value(dx_client &client, const tag_head &head, uint64_t value) {
     store_layout &map = *client.file.map;
-    tag_slot &slot = map.tags[record.slot];
+    tag_slot &slot = map.tags[head.slot];
     value_of(slot, DX_WRITE_ONLY).store(value, std::memory_order_release);
     slot.stamp_ms.store(stamp_now_ms(), std::memory_order_release);
-    count_write(map, record.slot);
-    slot.pending.store(record.version, std::memory_order_release);
-    const bool woken = tell_provider(map.providers[record.provider], record.slot);
+    count_write(map, head.slot);
+    slot.pending.store(head.version, std::memory_order_release);
+    const bool woken = tell_provider(map.providers[head.provider], head.slot);
     commit_changes(map.header);
     return woken;
 }
@@ -279,15 +279,15 @@ int dx_client_read(dx_client *client, const dx_tag_info *info, dx_sample *sample
     if (!client || !info || !sample) {
         return DX_BAD_ARGUMENT;
     }
-    tag_record record;
-    if (!current_record(*client, *info, record)) {
+    tag_head head;
+    if (!current_head(*client, *info, head)) {
         return DX_UNKNOWN_TAG;
     }
-    if (!provider_alive(client->file, record.provider)) {
+    if (!provider_alive(client->file, head.provider)) {
         return DX_PROVIDER_DEAD;
     }
-    tag_slot &slot = client->file.map->tags[record.slot];
-    const dx_sample taken = sample_slot(slot, record.mode, record.size);
+    tag_slot &slot = client->file.map->tags[head.slot];
+    const dx_sample taken = sample_slot(slot, head.mode, head.size);
     if (slot.version.load(std::memory_order_acquire) != info->version) {
         return DX_UNKNOWN_TAG;
     }
@@ -299,25 +299,25 @@ int dx_client_write(dx_client *client, const dx_tag_info *info, const void *data
     if (!client || !info || !data) {
         return DX_BAD_ARGUMENT;
     }
-    tag_record record;
-    if (!current_record(*client, *info, record)) {
+    tag_head head;
+    if (!current_head(*client, *info, head)) {
         return DX_UNKNOWN_TAG;
     }
-    if (record.mode != DX_WRITE_ONLY) {
+    if (head.mode != DX_WRITE_ONLY) {
         return DX_IS_READ_ONLY;
     }
-    if (size != record.size) {
+    if (size != head.size) {
         return DX_WRONG_SIZE;
     }
     if (!client->file.writable) {
-        return provider_alive(client->file, record.provider) ? DX_NO_PERMISSION : DX_PROVIDER_DEAD;
+        return provider_alive(client->file, head.provider) ? DX_NO_PERMISSION : DX_PROVIDER_DEAD;
     }
     uint64_t value = 0;
     memcpy(&value, data, size);
     // Whose thread was woken lives. Asked first, the kernel would keep every frame waiting for
     // that.
-    const bool woken = store_value(*client, record, value);
-    return woken || provider_alive(client->file, record.provider) ? DX_OK : DX_PROVIDER_DEAD;
+    const bool woken = store_value(*client, head, value);
+    return woken || provider_alive(client->file, head.provider) ? DX_OK : DX_PROVIDER_DEAD;
 }
 
 int dx_client_list(dx_client *client, const char *pattern, dx_visit visit, void *context) {

@@ -72,10 +72,10 @@ bool holds_tag(const tag_slot &slot) {
     return slot.version.load(std::memory_order_acquire) & 1;
 }
 
-bool plausible(const tag_record &record) {
-    return record.provider < max_providers && record.size >= 1 && record.size <= DX_VALUE_MAX &&
-           (record.mode == DX_READ_ONLY || record.mode == DX_WRITE_ONLY) &&
-           record.name_length >= 1 && record.name_length <= DX_NAME_MAX;
+bool plausible(const tag_head &head) {
+    return head.provider < max_providers && head.size >= 1 && head.size <= DX_VALUE_MAX &&
+           (head.mode == DX_READ_ONLY || head.mode == DX_WRITE_ONLY) && head.name_length >= 1 &&
+           head.name_length <= DX_NAME_MAX;
 }
 
 uint32_t bucket_of(uint32_t hash) {
@@ -226,7 +226,13 @@ uint32_t slot_limit(const store_layout &map) {
     return bounded(map.header.slot_end);
 }
 
-bool read_record(const store_layout &map, uint32_t slot, tag_record &record) {
+namespace {
+
+/**
+ * @param more  called for a good head, with whatever else belongs to the same version
+ */
+template <typename More>
+bool read_version(const store_layout &map, uint32_t slot, tag_head &head, More more) {
     constexpr auto acquire = std::memory_order_acquire;
     const tag_slot &tag = map.tags[slot];
     for (int attempt = 0; attempt < record_attempts; ++attempt) {
@@ -234,25 +240,37 @@ bool read_record(const store_layout &map, uint32_t slot, tag_record &record) {
         if (!(version & 1)) {
             return false;
         }
-        record.slot = slot;
-        record.version = version;
-        record.type = tag.type.load(acquire);
-        record.provider = tag.provider.load(acquire);
-        record.size = tag.size.load(acquire);
-        record.mode = tag.mode.load(acquire);
-        record.name_length = tag.name_length.load(acquire);
-        const bool good = plausible(record);
+        head.slot = slot;
+        head.version = version;
+        head.type = tag.type.load(acquire);
+        head.provider = tag.provider.load(acquire);
+        head.size = tag.size.load(acquire);
+        head.mode = tag.mode.load(acquire);
+        head.name_length = tag.name_length.load(acquire);
+        const bool good = plausible(head);
         if (good) {
-            char name[name_words * 4];
-            load_name(map, slot, record.name_length, name);
-            memcpy(record.name, name, record.name_length);
-            record.name[record.name_length] = '\0';
+            more();
         }
         if (tag.version.load(acquire) == version) {
             return good;
         }
     }
     return false;
+}
+
+} // namespace
+
+bool read_head(const store_layout &map, uint32_t slot, tag_head &head) {
+    return read_version(map, slot, head, [] {});
+}
+
+bool read_record(const store_layout &map, uint32_t slot, tag_record &record) {
+    return read_version(map, slot, record, [&] {
+        char name[name_words * 4];
+        load_name(map, slot, record.name_length, name);
+        memcpy(record.name, name, record.name_length);
+        record.name[record.name_length] = '\0';
+    });
 }
 
 uint32_t look_up(const store_layout &map, std::string_view name) {

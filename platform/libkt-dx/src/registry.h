@@ -16,7 +16,8 @@ namespace kt_dx {
 inline constexpr uint32_t no_slot = UINT32_MAX;
 
 /** What a tag is, apart from its value. */
-struct tag_record {
+/** What a slot holds, but for the name. */
+struct tag_head {
     uint32_t slot;
     uint32_t version;
     int32_t type;
@@ -24,6 +25,9 @@ struct tag_record {
     uint8_t size;
     uint8_t mode;
     uint16_t name_length;
+};
+
+struct tag_record : tag_head {
     char name[DX_NAME_MAX + 1];
 };
 
@@ -42,6 +46,9 @@ uint32_t slot_limit(const store_layout &map);
 
 /** Copy the tag of a slot as it was at one instant; false when it holds none. */
 bool read_record(const store_layout &map, uint32_t slot, tag_record &record);
+
+/** The same without the name, which takes most of the time. */
+bool read_head(const store_layout &map, uint32_t slot, tag_head &head);
 
 /** Slot of a name, no_slot when there is none. */
 uint32_t look_up(const store_layout &map, std::string_view name);
