@@ -329,7 +329,8 @@ TEST_F(rest_connection, no_thread_and_no_descriptor_is_left) {
         EXPECT_EQ(client.ask(request("GET /unit/echo")).status, 200);
         rest_cleanup();
     }
-    EXPECT_TRUE(eventually([&] { return count("/proc/self/task") == threads; }));
+    // A joined thread is listed for a moment more, which may have been so above, too.
+    EXPECT_TRUE(eventually([&] { return count("/proc/self/task") <= threads; }));
     EXPECT_EQ(count("/proc/self/fd"), descriptors);
 }
 
