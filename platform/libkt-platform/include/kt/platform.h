@@ -17,7 +17,8 @@ extern "C" {
  *
  * @param selector  0: all CAN ports
  * @return NULL-terminated array; the caller frees each name, then the array, with free().
- *         NULL when memory or descriptors run out. A gateway without CAN ports gives an empty array.
+ *         NULL when memory or descriptors run out. A gateway without CAN ports gives an empty
+ *         array.
  */
 char **can_list(int selector);
 
