@@ -142,7 +142,7 @@ use_the_bridge() {
     fact bridge_folders stat -c '%n %U:%G %a' /etc/kt-dx-mqtt /etc/kt-dx-mqtt.conf
     fact bridge_verified systemd-analyze verify --man=no $bridge_unit
     fact bridge_exposure systemd-analyze security --offline=true $bridge_unit
-    # From here it stays away: its requests would be too early for a service that starts, see above.
+    # It stays away until the service is not restarted any more: its requests would be too early.
     if [ "$supervisor" = systemd ]; then
         systemctl disable --now kt-dx-mqtt
     else
@@ -200,6 +200,7 @@ start
 fact restored_overview overview
 fact restored_owner stat -c %U:%G /data/config/kt-can-proprietary/can_proprietary.db
 rm -r /root/backup
+[ "$supervisor" != systemd ] || systemctl enable --now kt-dx-mqtt
 
 [ "$supervisor" = systemd ] || stop
 fact removed dpkg -r kt-can-proprietary
