@@ -2,11 +2,13 @@
 
 import contextlib
 import os
+import pathlib
 import re
 import signal
 import socket
 import sqlite3
 import subprocess
+import time
 
 import pytest
 import requests
@@ -82,6 +84,20 @@ def test_the_demonstration_ends_on_sigterm_and_leaves_nothing(live, tmp_path):
     live.wait_line("tag can_proprietary/drive/status 0", 30.0)
     live.process.terminate()
     assert live.wait_exit(30.0) == 143
+    assert not list(tmp_path.iterdir())
+
+
+# The service, its loader, then a device at a time and the view
+@pytest.mark.parametrize("count", [2, 3, 4])
+def test_an_interrupt_in_the_moment_of_a_start_leaves_no_process(count, tmp_path):
+    with live_run(tmp_path) as live:
+        if count > 2:
+            live.wait_line("run: REST API: ", 30.0)
+        children = pathlib.Path(f"/proc/{live.process.pid}/task/{live.process.pid}/children")
+        deadline = time.monotonic() + scaled(30.0)
+        while len(children.read_text().split()) < count:
+            assert time.monotonic() < deadline
+        interrupt(live)
     assert not list(tmp_path.iterdir())
 
 

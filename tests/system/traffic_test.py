@@ -5,6 +5,7 @@ import re
 
 from kt_system.lane import wait_until
 from kt_system.rows import U16, consume, device, frame, produce, tag
+from kt_system.tags import block_tag
 
 FOLDER = "/run/tmp/kt-can-proprietary"
 HEADER = "No.,Time,Direction,CAN-ID,RTR,Data length,Data\n"
@@ -46,6 +47,9 @@ def test_frames_are_recorded_between_start_and_stop(gateway, bus):
     gateway.start()
     node = bus()
     node.send(0x7F0, "FF")
+    # Once the value of the next frame is there the port has no frame before it left to record.
+    node.send(0x181, "0101")
+    gateway.tags.wait_for(block_tag("drive", "state", "speed"), 0x0101)
     gateway.record(1, True)
     assert csv(gateway).read_text() == HEADER
     node.send(0x123, "01A0")

@@ -62,7 +62,6 @@ if [ -z "${KT_ROOT:-}" ]; then
 fi
 log=$KT_ROOT/service.log
 
-started=()
 terminal='' ended='' ended_status=0 ended_log=''
 
 # Ask each process to stop, and insist after five seconds.
@@ -83,7 +82,9 @@ stop_all() {
 
 cleanup() {
     trap '' HUP INT QUIT TERM PIPE
-    stop_all "${started[@]}"
+    # As the shell counts them: a signal may come before the line after a start.
+    # shellcheck disable=SC2046 # a word for each
+    stop_all $(jobs -rp)
     restore_terminal
     [ -z "$ended" ] || tell_end >&2 || true
     [ -z "$scratch" ] || rm -rf "$scratch"
@@ -123,15 +124,6 @@ trap 'exit 0' INT
 trap 'exit 131' QUIT
 trap 'exit 143' TERM
 
-# Wait for a background process: a signal is acted upon at once, and no redirection holds then.
-attend() {
-    local status=0
-    started+=("$1")
-    wait "$1" || status=$?
-    unset 'started[-1]'
-    return "$status"
-}
-
 set_tag() {
     local i
     for ((i = 0; i < 200; i++)); do
@@ -144,12 +136,12 @@ set_tag() {
 # A demonstration device on one port, for the nodes that the configuration has there.
 play() {
     local port=$1 number=$2 options
+    # A signal is acted upon at once while the shell waits, and no redirection holds then.
     /usr/bin/python3 "$here/demonstration.py" nodes "$number" >"$KT_ROOT/nodes$number" &
-    attend $!
+    wait $!
     read -ra options <"$KT_ROOT/nodes$number" || true
     [ ${#options[@]} -gt 0 ] || return 0
     "$bin/kt-demo-device" --port "$port" "${options[@]}" >"$KT_ROOT/device$number.log" 2>&1 &
-    started+=($!)
     names[$!]="the demonstration device on $port" logs[$!]=$KT_ROOT/device$number.log
     case " ${options[*]} " in
         *" drive "*)
@@ -192,14 +184,12 @@ start_mqtt() {
     [ -z "${KT_REST_TOKEN_FILE:-}" ] ||
         echo "rest_token_file = $(realpath "$KT_REST_TOKEN_FILE")" >>"$folder/bridge.conf"
     mosquitto -c "$folder/mosquitto.conf" >"$folder/mosquitto.log" 2>&1 &
-    started+=($!)
     names[$!]="the broker" logs[$!]=$folder/mosquitto.log
     until (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
         kill -0 $! 2>/dev/null || watch_over
         sleep 0.05
     done
     "$bin/kt-dx-mqtt" --config "$folder/bridge.conf" >"$folder/bridge.log" 2>&1 &
-    started+=($!)
     names[$!]="the bridge" logs[$!]=$folder/bridge.log
     export KT_LIVE_MQTT_PORT=$port
     say "MQTT broker: 127.0.0.1:$port; what it gets: mosquitto_sub -p $port -v -t 'kt/gateway/#'"
@@ -217,7 +207,6 @@ choose_address
 if [ -n "$bare" ]; then
     say "the service alone, files below $KT_ROOT"
     "$bin/kt-can-proprietary" &
-    started+=($!)
     names[$!]="the service"
     watch_over
 fi
@@ -225,11 +214,10 @@ fi
 say "starting the service, files below $KT_ROOT"
 "$bin/kt-can-proprietary" >>"$log" 2>&1 &
 service=$!
-started+=("$service")
 names[$service]="the service" logs[$service]=$log
 /usr/bin/python3 "$here/demonstration.py" load --service "$service" --log "$log" &
 loaded=0
-attend $! || loaded=$?
+wait $! || loaded=$?
 if [ $loaded != 0 ]; then
     kill -0 "$service" 2>/dev/null || watch_over
     [ $loaded != 2 ] || exit 1
@@ -248,7 +236,5 @@ play "${port_names[0]}" 1
 [ ! -t 1 ] || terminal=$({ stty -g </dev/tty; } 2>/dev/null) || true
 /usr/bin/python3 "$here/live_view.py" --ports "$KT_LIVE_PORTS" --kt-tag "$bin/kt-tag" \
     --rest "$rest" &
-view=$!
-started+=("$view")
-names[$view]="the live view"
+names[$!]="the live view"
 watch_over

@@ -52,6 +52,7 @@ class LineReader:
         status = self.process.wait(scaled(timeout))
         for thread in self._threads:
             thread.join(scaled(timeout))
+            assert not thread.is_alive(), f"what {self.process.args[0]} started is still there"
         report = lane.sanitizer_report("\n".join(self.errors))
         assert not report, report
         return status
