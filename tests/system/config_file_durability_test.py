@@ -24,7 +24,7 @@ from kt_system.config_file import (
 from kt_system.gateway import WORKING_DB
 from kt_system.lane import scaled, wait_until
 from kt_system.rest import ADDRESS_FILE, BASE, LISTEN, MULTIPART, failure_lines, multipart
-from kt_system.rows import U16, consume, device, frame, tag
+from kt_system.rows import U16, consume, device, frame, listeners, tag
 from kt_system.tags import block_tag
 
 OLD = Generator(1).configuration(3, 12, 4)
@@ -35,12 +35,13 @@ END_SET = "can_proprietary_db_end_set_db"
 @pytest.fixture
 def running(gateway, rest):
     """A gateway with the old rows in its working copy, not applied."""
+    gateway.configure(*listeners())
     gateway.start()
     hold_old_rows(gateway)
 
 
 def hold_old_rows(gateway) -> None:
-    """Once there is room for uploads, which a gateway without tags does not wait for."""
+    """Once there is room for uploads."""
     wait_until(gateway.path(FILE_FOLDER).exists, 10.0, "the folder of the uploads")
     gateway.edit(WORKING_DB, sql=OLD.sql)
 
@@ -234,6 +235,7 @@ def test_a_disk_that_fills_during_the_import_leaves_the_rows(gateway, rest):
     large = Generator(3).configuration(255, 512, 8).file.text
     size = len(large) + 16 * 1024  # the upload has room, its rows have not
     with small_disk(gateway, size) as wrapper:
+        gateway.configure(*listeners())
         gateway.start(wrapper=wrapper, environment=LISTEN)
         hold_old_rows(gateway)
         for _ in range(3):

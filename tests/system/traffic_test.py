@@ -4,20 +4,12 @@ import json
 import re
 
 from kt_system.lane import wait_until
-from kt_system.rows import U16, consume, device, frame, produce, tag
+from kt_system.rows import U16, consume, device, frame, listeners, produce, tag
 from kt_system.tags import block_tag
 
 FOLDER = "/run/tmp/kt-can-proprietary"
 HEADER = "No.,Time,Direction,CAN-ID,RTR,Data length,Data\n"
 LIMIT = 384000
-
-
-def listeners():
-    """A device per port, so that a start waits until its port hears."""
-    return [
-        device(f"ear{port}", consume("state", frame(0x181, 2, tag("v", U16))), port=port)
-        for port in (1, 2)
-    ]
 
 
 def csv(gateway, port=0):

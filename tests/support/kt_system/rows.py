@@ -131,6 +131,14 @@ def tag(
     )
 
 
+def listeners() -> list[Row]:
+    """A device per port, so that a start waits until each has read its configuration and hears."""
+    return [
+        device(f"ear{port}", consume("state", frame(0x181, 2, tag("v", U16))), port=port)
+        for port in (1, 2)
+    ]
+
+
 def slope(factor: float, offset: float = 0.0) -> dict:
     """Columns of scaling by slope and offset, the shared slots filled as the service does."""
     return {
