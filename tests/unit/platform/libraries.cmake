@@ -2,6 +2,7 @@ include(${CMAKE_SOURCE_DIR}/tests/support/doubles.cmake)
 
 kt_unit_test(platform_test SOURCES platform_test.cpp termination_test.cpp LINK kt-platform)
 kt_unit_test(event_agent_test SOURCES event_agent_test.cpp LINK kt-event-agent parson)
+kt_wrap(event_agent_test nanosleep)
 kt_unit_test(net_test SOURCES net_test.cpp LINK kt-net)
 kt_unit_test(protocol_common_test
     SOURCES protocol_common_test.cpp path_lock_test.cpp database_merge_test.cpp
