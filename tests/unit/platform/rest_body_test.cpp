@@ -23,8 +23,12 @@ protected:
         return line + " HTTP/1.1\r\nHost: localhost\r\nContent-Length: "s + std::to_string(length) +
                "\r\n\r\n";
     }
-    /** Whether nothing is under way in the kernel between the server and its clients. */
-    bool has_read_everything() const {
+    /**
+     * What the first look did not find with a client was with the server, or read, at the second.
+     */
+    bool has_read_everything() const { return nothing_waits() && nothing_waits(); }
+    /** Whether no socket of the server and of its clients holds bytes; not all at one time. */
+    bool nothing_waits() const {
         char port[8];
         (void)snprintf(port, sizeof port, ":%04X", static_cast<unsigned>(port_));
         std::ifstream sockets("/proc/net/tcp");
