@@ -51,8 +51,8 @@ TEST_F(store_watch_test, values_from_before_the_start_and_after_it_come) {
     EXPECT_TRUE(comes("unit/a", 2));
     publish(provider, tag, 3);
     EXPECT_TRUE(comes("unit/a", 3));
-    EXPECT_GE(statistics_.changes, 1U);
-    EXPECT_GE(changes_, 2);
+    // Told behind the value.
+    EXPECT_TRUE(eventually([&] { return statistics_.changes >= 1 && changes_ >= 2; }));
 }
 
 TEST_F(store_watch_test, a_store_that_comes_later_is_found) {
@@ -69,8 +69,7 @@ TEST_F(store_watch_test, a_tag_that_comes_later_is_seen_with_its_first_value) {
     store_watch_start(watch_);
     ASSERT_TRUE(eventually([&] { return statistics_.store_opens == 1; }));
     publish(provider, add(provider, "unit/late", 8, DX_READ_ONLY), 9);
-    EXPECT_TRUE(eventually([&] { return value_of("unit/late") == 9; }));
-    EXPECT_EQ(reason_of("unit/late"), "");
+    EXPECT_TRUE(comes("unit/late", 9)); // a look amid its write does not count it yet
 }
 
 TEST_F(store_watch_test, a_provider_that_leaves_makes_its_values_bad) {
