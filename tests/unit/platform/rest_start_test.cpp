@@ -89,19 +89,16 @@ TEST_F(rest_start, service_names_that_are_no_path_are_refused) {
 }
 
 TEST_F(rest_start, port_that_is_taken_is_named) {
-    start();
-    const int port = port_;
-    rest_cleanup();
+    const char *host = "127.11.12.13"; // where nobody else's connections take ports
     const int taken = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = {};
+    socklen_t length = sizeof address;
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int on = 1;
-    (void)setsockopt(taken, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(inet_pton(AF_INET, host, &address.sin_addr), 1);
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr *>(&address), length), 0);
     ASSERT_EQ(listen(taken, 1), 0);
-    const std::string text = "127.0.0.1:" + std::to_string(port);
+    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    const std::string text = host + ":"s + std::to_string(ntohs(address.sin_port));
     setting("KT_REST_LISTEN", text);
     EXPECT_EQ(init(), REST_NO_SERVER);
     EXPECT_EQ(log_, "kt-rest: cannot listen on " + text + ": Address already in use\n");
