@@ -89,10 +89,9 @@ def test_a_stop_keeps_what_was_recorded_and_records_no_more(rest, bus):
     with rest.says():
         assert rest.post("/traffic/1", {"option": 0}).body == SUCCESS
     node.send(0x124)
-    rest.gateway.tags.wait_for("can_proprietary/drive/status", lambda _: True)
-    before = rest.get("/diagnose?portId=1").data["rxCount"]
-    node.send(0x125)
-    wait_until(lambda: rest.get("/diagnose?portId=1").data["rxCount"] > before)
+    # Once the value of the next frame is there the port has no frame before it left to record.
+    node.send(0x182, "A500000000000000")
+    rest.gateway.tags.wait_for("can_proprietary/drive/state_value", "A5")
     assert rest.get("/traffic/1").data == {"action": 0, "response": rows}
 
 

@@ -28,6 +28,12 @@ def rows(gateway, port=0):
     return csv(gateway, port).read_text().splitlines()[1:]
 
 
+def wait_all_taken(gateway, node, value, tag_name="can_proprietary/ear1/state_v"):
+    """Once the value of the next frame is there the port has no frame before it left to record."""
+    node.send(0x181, value.to_bytes(2, "little"))
+    gateway.tags.wait_for(tag_name, value)
+
+
 def test_frames_are_recorded_between_start_and_stop(gateway, bus):
     gateway.configure(
         device(
@@ -39,9 +45,7 @@ def test_frames_are_recorded_between_start_and_stop(gateway, bus):
     gateway.start()
     node = bus()
     node.send(0x7F0, "FF")
-    # Once the value of the next frame is there the port has no frame before it left to record.
-    node.send(0x181, "0101")
-    gateway.tags.wait_for(block_tag("drive", "state", "speed"), 0x0101)
+    wait_all_taken(gateway, node, 0x0101, block_tag("drive", "state", "speed"))
     gateway.record(1, True)
     assert csv(gateway).read_text() == HEADER
     node.send(0x123, "01A0")
@@ -87,7 +91,7 @@ def test_a_recording_stops_by_itself_at_its_limit(gateway, bus):
     assert LIMIT - 200 < sizes[0] <= LIMIT + 1 and sizes[1] <= LIMIT
     recorded = len(lines(gateway))
     node.send(0x123, "00")
-    wait_until(lambda: gateway.diagnose(1)["rxCount"] > recorded)
+    wait_all_taken(gateway, node, 1)
     assert len(lines(gateway)) == recorded
     gateway.record(1, True)
     assert csv(gateway).read_text() == HEADER
@@ -99,9 +103,10 @@ def test_two_ports_share_the_row_numbers(gateway, bus):
     gateway.record(1, True)
     gateway.record(2, True)
     nodes = bus("can0"), bus("can1")
+    names = [block_tag(f"ear{port}", "state", "v") for port in (1, 2)]
     for turn in range(6):
-        nodes[turn % 2].send(0x100 + turn)
-        wait_until(lambda: len(rows(gateway, turn % 2)) == turn // 2 + 1)
+        # The next number is noted behind the row: the port shares it once the frame shows.
+        wait_all_taken(gateway, nodes[turn % 2], turn + 1, names[turn % 2])
     numbers = [[int(row.split(",")[0]) for row in rows(gateway, port)] for port in (0, 1)]
     assert numbers == [[1, 3, 5], [2, 4, 6]]
 
