@@ -78,6 +78,16 @@ def recorded(gateway) -> list[dict]:
     return [json.loads(line) for line in file.read_text().splitlines()]
 
 
+def heard_events(gateway) -> list[dict]:
+    return [event for event in gateway.events() if "deaf/hear " in event["message"]]
+
+
+def heard_and_silent(gateway, times: int) -> bool:
+    """The device was heard so often, and the silence after that has been noticed."""
+    outcomes = [event["message"].rsplit(" ", 1)[1] for event in heard_events(gateway)]
+    return outcomes.count("success") == times and outcomes[-1] == "timeout"
+
+
 def event_moment(event: dict) -> float:
     text = event["time"].replace("Z", "+00:00")
     return datetime.datetime.fromisoformat(text).timestamp()
@@ -87,12 +97,12 @@ def test_nothing_is_late_lost_doubled_or_hung(gateway, bus, tags, wall_clock):
     gateway.configure(*configuration())
     gateway.start(environment=wall_clock.environment)
     node, listener = bus(), bus()
-    gateway.record(1, True)
     began = time.monotonic()
+    gateway.record(1, True)
     before = {name: gateway.failures(*name) for name in (("mute", "ask"), ("deaf", "hear"))}
     reader = Reader(gateway)
     reader.start()
-    sent, events_seen = 0, 0
+    sent = 0
     for round_, hours in enumerate((0, *JUMPS), 1):
         if hours:
             wall_clock.jump(hours)
@@ -107,10 +117,9 @@ def test_nothing_is_late_lost_doubled_or_hung(gateway, bus, tags, wall_clock):
         listener.expect(0x100, "55")
         # A result that changes raises an event, dated by the clock on the wall.
         node.send(0x120, "0100")
-        wait_until(lambda: len(gateway.events()) >= events_seen + 2, what="success and timeout")
-        events = gateway.events()
-        assert abs(event_moment(events[-1]) - wall_clock.now()) < scaled(10), (events[-1], hours)
-        events_seen = len(events)
+        wait_until(lambda: heard_and_silent(gateway, round_), what="success and timeout")
+        event = heard_events(gateway)[-1]
+        assert abs(event_moment(event) - wall_clock.now()) < scaled(10), (event, hours)
     reader.ended.set()
     reader.join(scaled(10))
     gateway.record(1, False)
