@@ -40,11 +40,17 @@ class Observer:
         return wait_until(answered, 5, f"diagnostics of port {port}")
 
     def failures(self, device: str, transaction: str, port: int = 1) -> int:
-        """How often a transaction has failed or timed out."""
-        for entry in self.diagnose(port)["transactionList"]:
-            if (entry["deviceName"], entry["transactionName"]) == (device, transaction):
-                return entry["failedCount"]
-        raise AssertionError(f"no transaction {device}/{transaction}")
+        """How often a transaction has failed or timed out. One without tags may be there a moment
+        later than the tags of all others."""
+
+        def found() -> list[int]:
+            return [
+                entry["failedCount"]
+                for entry in self.diagnose(port)["transactionList"]
+                if (entry["deviceName"], entry["transactionName"]) == (device, transaction)
+            ]
+
+        return wait_until(found, 5, f"transaction {device}/{transaction}")[0]
 
     def apply(self) -> None:
         self.asked("POST", "/action", {"option": 0})
