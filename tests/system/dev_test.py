@@ -4,6 +4,7 @@ It works on a tree of its own with a small project, in namespaces in which files
 hidden or replaced.
 """
 
+import contextlib
 import os
 import pathlib
 import re
@@ -334,6 +335,15 @@ def test_a_tree_that_was_moved_is_configured_afresh(tree, tmp_path):
     assert answer.returncode == 0, answer.stderr
 
 
+def processes_in(folder: pathlib.Path) -> list[str]:
+    found = []
+    for entry in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):  # it has ended
+            if str(folder) in os.readlink(entry / "cwd"):
+                found.append((entry / "cmdline").read_text().replace("\0", " "))
+    return found
+
+
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
 def test_a_signal_ends_the_build_with_all_of_its_processes(tree, number):
     (tree / "CMakeLists.txt").write_text(PROJECT + SLOW)
@@ -349,10 +359,7 @@ def test_a_signal_ends_the_build_with_all_of_its_processes(tree, number):
     build.send_signal(number)
     assert build.communicate(timeout=scaled(30))[1] == f"dev: ended by {number.name}\n"
     assert build.returncode == -number
-    for entry in pathlib.Path("/proc").glob("[0-9]*"):
-        try:
-            assert str(tree) not in os.readlink(entry / "cwd"), (entry / "cmdline").read_text()
-        except OSError:
-            continue  # it has ended
+    # Not its own children to wait for: killed, they may take a moment to be gone.
+    wait_until(lambda: not processes_in(tree), 10.0, lambda: str(processes_in(tree)))
     (tree / "CMakeLists.txt").write_text(PROJECT)
     assert dev(tree, "build").returncode == 0
