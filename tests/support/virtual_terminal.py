@@ -78,12 +78,15 @@ class VirtualTerminal:
         """What is shown when the program has drawn a whole page more, from its first line on."""
         for _ in range(2):
             drawn = len(self.raw)
-            lane.wait_until(
-                lambda: b"\x1b[1;1H" in self.raw[drawn:] and self.raw.endswith(b"\x1b[J"),
-                20.0,
-                self.text,
-            )
-        return self.lines()
+            lines = lane.wait_until(lambda: self._page_since(drawn), 20.0, self.text)
+        return lines
+
+    def _page_since(self, drawn: int) -> list[str] | None:
+        """A page that was begun behind so many bytes, while nothing of the next one is there."""
+        with self._lock:
+            if b"\x1b[1;1H" in self.raw[drawn:] and self.raw.endswith(b"\x1b[J"):
+                return [line.rstrip() for line in self.screen.display]
+        return None
 
     def resize(self, columns: int, rows: int) -> None:
         with self._lock:
