@@ -28,10 +28,20 @@ WORKING_DB = "/run/config/kt-can-proprietary/can_proprietary.db"
 LOG_LINE = re.compile(r"\x1b\[91m(\w+): (\w+)\((\d+)\): (.*?)\x1b\[0m", re.DOTALL)
 
 
+RESERVED: list[socket.socket] = []
+PORTS_KEPT = 64
+
+
 def free_port() -> int:
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """A port of loopback that nobody is given until its program has it, and after that: it stays
+    bound here, without listening, and those who share addresses (SO_REUSEADDR) can have it."""
+    probe = socket.socket()
+    probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    probe.bind(("127.0.0.1", 0))
+    RESERVED.append(probe)
+    if len(RESERVED) > PORTS_KEPT:  # more than a test has
+        RESERVED.pop(0).close()
+    return probe.getsockname()[1]
 
 
 class LogMessage(NamedTuple):
