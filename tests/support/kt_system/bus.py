@@ -1,6 +1,8 @@
 """A CAN port as another node sees it: through python-can, and through candump."""
 
+import contextlib
 import errno
+import socket
 import time
 
 import can
@@ -12,6 +14,8 @@ from .processes import LineReader
 
 ERROR_PROTOCOL, ERROR_CONTROLLER, ERROR_BUS_OFF, ERROR_RESTARTED = 0x8, 0x4, 0x40, 0x100
 ERROR_FLAG = 0x20000000
+
+SO_RCVBUFFORCE = 33  # Python has no name for it
 
 
 def bytes_of(data: bytes | str) -> bytes:
@@ -33,6 +37,9 @@ class Bus:
         self.port = port
         self.seen: list[can.Message] = []
         self._bus = can.interface.Bus(port, interface="socketcan")
+        # Room for what comes while a test looks elsewhere or stands still; by default 250 frames.
+        with contextlib.suppress(PermissionError):
+            self._bus.socket.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 4 << 20)
 
     def close(self) -> None:
         self._bus.shutdown()
