@@ -332,12 +332,21 @@ def judge(rows: list[dict], out: pathlib.Path, title: str) -> list[str]:
 
 
 def judge_counts(gateway: Gateway, running: dict[str, LineReader], burst: int,
-                 lost: int) -> list[str]:
-    """Every frame that went on the bus has been counted, or its loss logged. The last try of a
-    latency may have been under way when its program was stopped."""
+                 sampler: Sampler) -> list[str]:
+    """Every frame that went on the bus is counted, or its loss logged, once the socket is empty.
+    The last try of a latency may have been under way when its program was stopped."""
     sent = burst + len(running["in"].lines)
     sent += sum(int(running[name].lines[-1].split()[1]) for name in ("send1", "send2"))
-    received = sum(gateway.diagnose(port)["rxCount"] for port in (1, 2))
+    received = lost = 0
+
+    def all_counted() -> bool:
+        nonlocal received, lost
+        received = sum(gateway.diagnose(port)["rxCount"] for port in (1, 2))
+        lost = sampler.frames_lost()
+        return sent - received - lost in (0, -1)
+
+    with contextlib.suppress(AssertionError):  # what is missing then is a finding
+        lane.wait_until(all_counted, 30.0)
     print(f"  frames: {sent} sent, {received} received, {lost} logged as lost")
     missing = sent - received - lost
     return [] if missing in (0, -1) else [f"{missing} frames are missing"]
@@ -390,7 +399,7 @@ def run(options) -> int:
         title = f"{options.seconds:g} s, {options.rate} frames/s a port, {options.writes} writes/s"
         print(f"soak: {title}, {len(rows)} samples")
         findings = judge(rows, options.out, title)
-        findings += judge_counts(gateway, running, bursts.sent, sampler.frames_lost())
+        findings += judge_counts(gateway, running, bursts.sent, sampler)
         findings += reader.failures[:3]
         gateway.close()
     return conclude(findings)
