@@ -207,14 +207,14 @@ def test_what_the_sensor_sends_is_swapped_and_scaled(run_example, bus, tags):
     sensor = bus("can0")
     sensor.send(0x281, MEASURED + MARK)
     tags.wait_for(block_tag("climate", "measured", "temperature"), 2250)
-    assert tags.get(block_tag("climate", "measured", "pressure")) == 1013
-    assert tags.get(block_tag("climate", "measured", "humidity")) == 50
-    assert tags.get(block_tag("climate", "measured", "state")) == 1
+    tags.wait_for(block_tag("climate", "measured", "pressure"), 1013)
+    tags.wait_for(block_tag("climate", "measured", "humidity"), 50)
+    tags.wait_for(block_tag("climate", "measured", "state"), 1)
     sensor.send(0x281, "60FF" + MEASURED[4:] + MARK)
     tags.wait_for(block_tag("climate", "measured", "temperature"), -1000)
     sensor.send(0x282, "41AC0000000F4240")
     tags.wait_for(block_tag("climate", "total", "hours"), 21.5)
-    assert tags.get(block_tag("climate", "total", "samples")) == 1000000
+    tags.wait_for(block_tag("climate", "total", "samples"), 1000000)
 
 
 def test_a_frame_with_other_constants_or_length_is_not_taken(run_example, bus, tags):
@@ -280,8 +280,8 @@ def test_the_position_of_the_valve_arrives(run_example, bus, tags):
     bus("can1").send(0x3A1, "01F40702")
     tags.wait_for(status_tag("valve"), COMMUNICATING)
     tags.wait_for(block_tag("valve", "position", "opening"), 500)
-    assert tags.get(block_tag("valve", "position", "strokes")) == 7
-    assert tags.get(block_tag("valve", "position", "state")) == 2
+    tags.wait_for(block_tag("valve", "position", "strokes"), 7)
+    tags.wait_for(block_tag("valve", "position", "state"), 2)
 
 
 # The commands of the README ---------------------------------------------------------------------
