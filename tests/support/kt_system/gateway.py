@@ -24,6 +24,7 @@ DEFAULT_DB = "/data/config/kt-can-proprietary/default/can_proprietary.db"
 SAVED_SCHEMA = "/data/config/kt-can-proprietary/default/can_proprietary.sql"
 PERSISTENT_DB = "/data/config/kt-can-proprietary/can_proprietary.db"
 WORKING_DB = "/run/config/kt-can-proprietary/can_proprietary.db"
+LED_FILE = "/run/kt-platform/led3"
 
 LOG_LINE = re.compile(r"\x1b\[91m(\w+): (\w+)\((\d+)\): (.*?)\x1b\[0m", re.DOTALL)
 
@@ -96,6 +97,7 @@ class Gateway(Observer):
         self._stderr = scratch / "stderr.txt"
         self._stdout = scratch / "stdout.txt"
         self._log_start = 0
+        self._led_before: tuple | None = None
         self.fresh()
 
     def path(self, absolute: str) -> pathlib.Path:
@@ -144,6 +146,7 @@ class Gateway(Observer):
         if clocks.WRAP_SECONDS:
             self.wrap_clock_in(float(clocks.WRAP_SECONDS))
         self._log_start = self._stderr.stat().st_size if self._stderr.exists() else 0
+        self._led_before = self._led_set()
         variables = {**self.environment, **(environment or {})}
         with open(self._stderr, "ab") as stderr, open(self._stdout, "ab") as stdout:
             self.process = subprocess.Popen(
@@ -165,11 +168,14 @@ class Gateway(Observer):
         return moment
 
     def wait_ready(self, timeout: float = 10.0) -> None:
-        """A port's tags stand once its socket is bound: from then on no frame is missed."""
+        """A port's tags stand once its socket is bound: from then on no frame is missed. The LED
+        is set when the databases are there and the REST API listens: without tags nothing else
+        tells this start from the one before."""
 
         def ready() -> bool:
             assert self.running(), f"the service ended: {self.process.returncode}\n{self.stderr}"
-            return self.path(WORKING_DB).exists() and not self._missing_tags()
+            begun = self._led_set() != self._led_before and self.path(WORKING_DB).exists()
+            return begun and not self._missing_tags()
 
         wait_until(ready, timeout, lambda: f"tags {sorted(self._missing_tags())}\n{self.stderr}")
 
@@ -289,6 +295,14 @@ class Gateway(Observer):
         self.edit(PERSISTENT_DB, sql="INSERT INTO interface_setting DEFAULT VALUES;" * ports)
         shutil.copy(self.path(SCHEMA), self.path(SAVED_SCHEMA))
         self.path(WORKING_DB).unlink(missing_ok=True)
+
+    def _led_set(self) -> tuple | None:
+        """When the LED's file was replaced; None while there is none."""
+        try:
+            status = os.lstat(self.path(LED_FILE))
+        except FileNotFoundError:
+            return None
+        return status.st_ino, status.st_mtime_ns, status.st_ctime_ns
 
     def _missing_tags(self) -> set[str]:
         devices = self.query("SELECT deviceName FROM device")

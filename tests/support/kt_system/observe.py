@@ -64,7 +64,9 @@ class Observer:
     def events(self) -> list[dict]:
         """Every event so far, oldest first."""
         file = self.path("/run/kt-event-agent/events.jsonl")
-        return [json.loads(line) for line in file.read_text().splitlines()] if file.exists() else []
+        # The last line may be there in part.
+        whole = file.read_text().rpartition("\n")[0] if file.exists() else ""
+        return [json.loads(line) for line in whole.splitlines()]
 
     def wait_event(self, name: str, message: str, count: int = 1, timeout: float = 5.0) -> None:
         """That many events of this name and message have been raised."""
