@@ -212,11 +212,18 @@ def conflict(rest: Rest):
 
 
 @contextlib.contextmanager
+def new_pass(rest: Rest):
+    """It begins after the answer, and would make a working copy where an example has none."""
+    before = rest.port_threads()
+    yield
+    rest.wait_new_pass(before)
+
+
+@contextlib.contextmanager
 def recording(rest: Rest):
     bus = Bus(lane.PORTS[0])
 
     def recorded() -> bool:
-        """An example before this one may have applied: the next pass starts without recording."""
         seen = rest.get("/traffic/1")
         if seen.status == 200 and seen.data["action"] == 1 and seen.data["response"]:
             return True
@@ -234,6 +241,7 @@ def recording(rest: Rest):
 GIVEN = {
     "unavailable": configuration_away,
     "conflicting identifiers": conflict,
+    "apply": new_pass,
     "recorded": recording,
 }
 
