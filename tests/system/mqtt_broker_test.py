@@ -4,7 +4,6 @@ import pathlib
 import socket
 import subprocess
 import threading
-import time
 
 import pytest
 
@@ -48,6 +47,22 @@ def resident_kib(bridge) -> int:
     return int(status.split("VmRSS:")[1].split()[0])
 
 
+def sleeps_of_follower(bridge) -> int:
+    """How often the thread that follows the tag store has gone to sleep."""
+    for task in pathlib.Path(f"/proc/{bridge.process.pid}/task").iterdir():
+        if (task / "comm").read_text() == "mqtt-store\n":
+            status = (task / "status").read_text("ascii")
+            return int(status.split("\nvoluntary_ctxt_switches:")[1].split()[0])
+    raise AssertionError("nobody follows the tag store")
+
+
+def wait_followed(bridge) -> None:
+    """Until the bridge knows what has been written, which a broker that is away cannot tell: the
+    thread sleeps before every look at the store and after each that found a change."""
+    before = sleeps_of_follower(bridge)
+    wait_until(lambda: sleeps_of_follower(bridge) >= before + 3, 5.0, "the bridge to look")
+
+
 # The broker away ----------------------------------------------------------------------------------
 
 
@@ -58,6 +73,7 @@ def test_a_broker_that_is_not_there_at_the_start_gets_what_is_current_when_it_co
     running = bridge(broker=server)
     running.wait_logged("cannot connect: Connection refused")
     process.write(SPEED, "DD05")
+    wait_followed(running)
     server.start()
     with Client(server).subscribe(f"{PREFIX}/#") as subscriber:
         assert subscriber.wait_value(SPEED, {"value": 1501})["quality"] == "good"
@@ -67,10 +83,11 @@ def test_a_broker_that_is_not_there_at_the_start_gets_what_is_current_when_it_co
 
 
 def test_a_broker_that_lost_everything_gets_everything_again(process, bridge, broker, mqtt):
-    bridge()
+    running = bridge()
     wait_until(lambda: mqtt.retained(tag_topic(SPEED)))
     broker.kill()
     process.write(SPEED, "DE05")
+    wait_followed(running)
     broker.start()
     with mqtt.subscribe(f"{PREFIX}/#") as subscriber:
         assert subscriber.wait_value(SPEED, lambda _: True)["value"] == 1502
@@ -82,7 +99,7 @@ def test_a_broker_that_lost_everything_gets_everything_again(process, bridge, br
 
 
 def test_a_slow_broker_gets_the_latest_value_once(process, bridge, broker, subscribe):
-    bridge()
+    running = bridge()
     subscriber = subscribe(f"{PREFIX}/#")
     subscriber.wait_value(SPEED, {"value": 1500})
     seen = len(subscriber.values(SPEED))
@@ -90,7 +107,7 @@ def test_a_slow_broker_gets_the_latest_value_once(process, bridge, broker, subsc
         for number in range(2000, 2500):
             process.write(SPEED, little(number))  # each is answered at once: nobody waits
             if number % 50 == 0:
-                time.sleep(scaled(0.02))  # the bridge looks at the store meanwhile
+                wait_followed(running)
     subscriber.wait_value(SPEED, {"value": 2499}, 10.0)
     late = [content["value"] for content in subscriber.values(SPEED)[seen:]]
     # One was on its way when the broker stopped listening, one waited.
