@@ -128,11 +128,13 @@ def test_the_retained_copy_of_a_write_is_not_executed_again(process, bridge, mqt
     subscriber.wait_value(TARGET, lambda _: True)
     mqtt.publish(set_topic(TARGET), '{"value":9,"id":"once"}', "--retain")
     subscriber.wait_result(TARGET, {"id": "once"})
+    process.wait_taken(TARGET, "0900")
     assert first.stop() == 0
-    taken = list(process.taken)
     bridge()
     subscriber.wait_result(TARGET, {"id": "once", "outcome": "refused"})
-    assert process.taken == taken
+    mqtt.publish(set_topic(TARGET), "10")
+    process.wait_taken(TARGET, "0A00")
+    assert process.taken == [(TARGET, "0900"), (TARGET, "0A00")]
 
 
 def test_of_many_writes_the_last_one_counts_and_each_gets_its_outcome(process, running, mqtt):
