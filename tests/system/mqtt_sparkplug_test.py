@@ -189,13 +189,21 @@ def test_data_comes_by_alias_and_turns_bad_with_its_time_kept(drive, host, bus):
 
 
 def test_a_silent_device_dies_unless_it_takes_commands(drive, host, bus):
-    host.wait("DBIRTH/gw/sensor")
-    bus().send(0x182, "0100")
-    bus().send(0x181, "0100")
-    death = host.wait("DDEATH/gw/sensor")
+    node = bus()
+
+    def alive() -> bool:
+        """Until a host sees its level; without a frame it could die before it has said one."""
+        node.send(0x182, "0100")
+        told = [*host.of("DBIRTH/gw/sensor"), *host.of("DDATA/gw/sensor")]
+        return any((m.value, m.quality) == (1, GOOD) for one in told for m in one.metrics)
+
+    wait_until(alive, what=lambda: host.topics())
+    node.send(0x181, "0100")
+    deaths = len(host.of("DDEATH/gw/sensor"))
+    death = host.wait("DDEATH/gw/sensor", deaths + 1)
     assert death.metrics == []
     births = len(host.of("DBIRTH/gw/sensor"))
-    bus().send(0x182, "0200")
+    node.send(0x182, "0200")
     born = host.wait("DBIRTH/gw/sensor", births + 1)
     assert (born.named("state_level").value, born.named("state_level").quality) == (2, GOOD)
     assert host.of("DDEATH/gw/drive") == []
