@@ -321,22 +321,33 @@ def test_bodies_under_way_take_the_room_of_others(rest):
         f"POST {BASE}/config-file HTTP/1.1\r\nHost: localhost\r\nContent-Length: {8 * MIB}\r\n\r\n"
     )
     clients = []
+    to_come = 64 * 1024
     for length in [8 * MIB] * 3 + [MIB] * 10 + [MIB // 4] * 10:
         clients.append(socket.create_connection(rest.address))
-        clients[-1].sendall(head.encode() + bytes(length - 1))
+        clients[-1].sendall(head.encode() + bytes(length - to_come))
     large = b" " * (MIB + MIB // 2)
+
+    def go_on() -> None:
+        """Each by a byte: one that idles is closed, and its room comes back."""
+        for client in clients:
+            client.sendall(b" ")
+
+    def has_no_room() -> bool:
+        go_on()
+        return rest.post("/action", large).status == 503
 
     def full() -> bool:
         """For good: while bodies still grow, room comes and goes; one more fills what is left."""
-        if all(rest.post("/action", large).status == 503 for _ in range(20)):
+        if all(has_no_room() for _ in range(20)):
             return True
         if len(clients) < 30:
             clients.append(socket.create_connection(rest.address))
-            clients[-1].sendall(head.encode() + bytes(MIB - 1))
+            clients[-1].sendall(head.encode() + bytes(MIB - to_come))
         return False
 
     wait_until(full, 20, "the bodies to arrive")
     for operation in OPERATIONS:
+        go_on()
         judge_answer(operation, "503", operation.send(rest, body=large))
     assert rest.post("/action", {"option": 1}).status == 201  # small ones still find room
     for client in clients:
