@@ -37,6 +37,8 @@ service_gone() { ! service_pid; }
 running() { grep -qsx can0-port /proc/"$(service_pid)"/task/*/comm; }
 overview() { curl -fsS $api/overview; }
 await_service() { await running && await overview; }
+# Each by its thread, which may come later than the first one.
+ports_up() { [ "$(in_bus ip -o link list up | grep -c ': can[01]:')" = 2 ]; }
 
 # As the unit: user, groups, capability, and nothing to write but its folders. Its runtime folders
 # are those that systemd makes. The nice limit is left out: root of a container may not set it.
@@ -124,6 +126,7 @@ install() { dpkg -i "$1"/*.deb; }
 
 bridge_status() { mosquitto_sub -h 127.0.0.1 -W $patience -C 1 -t "kt/$(hostname)/status"; }
 bridge_offline() { bridge_status | grep -q offline; }
+current_value() { mosquitto_sub -h 127.0.0.1 -W 5 -C 1 -t "$topic" | grep -q '"value":1500,'; }
 
 # The bridge beside a broker of this machine, as its unit starts it
 use_the_bridge() {
@@ -134,6 +137,9 @@ use_the_bridge() {
             >>/var/log/kt-dx-mqtt.out 2>&1 </dev/null &
     fi
     topic=kt/$(hostname)/tags/$tag
+    # The broker listens a moment after its command has ended, and keeps the tag's first value till
+    # the next one comes.
+    await current_value
     fact published mosquitto_sub -h 127.0.0.1 -W $patience -C 1 -t "$topic"
     fact status bridge_status
     fact bridge_process sh -c 'cat /proc/$(pgrep -o -x -u kt-dx-mqtt kt-dx-mqtt)/status'
@@ -157,6 +163,7 @@ bridge_unit=/lib/systemd/system/kt-dx-mqtt.service
 fact installed install "$packages/old"
 [ "$supervisor" = systemd ] || start_without_systemd
 await_service
+await ports_up
 fact first_overview overview
 look_at_the_process
 fact folders stat -c '%n %U:%G %a' /etc/default/config/kt-can-proprietary/can_proprietary.sql \
