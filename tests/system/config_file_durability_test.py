@@ -145,7 +145,9 @@ def test_readers_see_the_old_rows_or_the_new_ones(gateway, rest, running):
     watcher.start()
     try:
         for index in (1, 0) * 4:
+            looks = len(seen)
             assert rest.upload(files[index]).status == 201
+            wait_until(lambda least=looks + 2: len(seen) >= least, what="a look at the rows")
     finally:
         ended.set()
         watcher.join()
