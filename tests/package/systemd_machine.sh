@@ -11,9 +11,12 @@ kernel=$(command -v linux.uml) || exit 77
 compgen -G "/usr/lib/uml/modules/*/kernel/drivers/net/can/vcan.ko" >/dev/null || exit 77
 
 run=$(mktemp -d "$PWD/build/package-test/machine.XXXXXX")
-uml=
 cleanup() {
-    [ -z "$uml" ] || kill -TERM "$uml" 2>/dev/null || true
+    local process
+    # As the shell counts them: a signal may come before the line after the start.
+    for process in $(jobs -rp); do
+        kill -TERM "$process" 2>/dev/null || true
+    done
     rm -rf "$run"
 }
 trap cleanup EXIT
@@ -77,7 +80,5 @@ avail=$(df --output=avail -k /dev/shm 2>/dev/null | tail -n 1) || avail=0
 timeout -k 5 "$timeout" "$kernel" mem=512M rootfstype=hostfs rw init="$run/init" con=null \
     con0=fd:0,fd:1 quiet loglevel=1 uml_dir="$run/" umid=package-test </dev/null \
     >"$facts/console" 2>&1 &
-uml=$!
-wait $uml || true
-uml=
+wait $! || true
 [ -e "$facts/complete" ]

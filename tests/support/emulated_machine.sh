@@ -62,7 +62,6 @@ unpack_kernel() {
 
 begin_run() {
     run=$(mktemp -d "$repo/build/lane-${lane,,}.XXXXXX")
-    machine= console=
     trap end_run EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM
@@ -70,7 +69,8 @@ begin_run() {
 
 end_run() {
     local process
-    for process in $machine $console; do
+    # As the shell counts them: a signal may come before the line after a start.
+    for process in $(jobs -rp); do
         kill -TERM "$process" 2>/dev/null || true
     done
     rm -rf "$run"
@@ -137,7 +137,7 @@ shared_folder() {
 
 # run_machine KERNEL CONSOLE QEMU...: boots and waits; ends the script with the tests' status
 run_machine() {
-    local kernel=$1 device=$2 i
+    local kernel=$1 device=$2 machine console i
     shift 2
     # QEMU leaves what it writes to without waiting in that mode, so it gets a pipe of its own.
     mkfifo "$run/console"
@@ -155,9 +155,7 @@ run_machine() {
     done
     [ -e "$run/started" ] || unable "the emulated machine does not boot"
     wait "$machine" || true
-    machine=
     wait "$console" || true
-    console=
     keep_results
     [ ! -e "$run/unable" ] || unable "$(cat "$run/unable")"
     if [ ! -e "$run/status" ]; then

@@ -34,10 +34,13 @@ mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Codename: bookworm' 2>/dev
 if [ -z "${KT_FRESH_SCRATCH:-}" ]; then
     KT_FRESH_SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/kt-fresh.XXXXXX")
     export KT_FRESH_SCRATCH
-    inner=
     cleanup() {
+        local process
         trap '' HUP INT TERM
-        [ -z "$inner" ] || kill -KILL "$inner" 2>/dev/null || true
+        # As the shell counts them: a signal may come before the line after the start.
+        for process in $(jobs -rp); do
+            kill -KILL "$process" 2>/dev/null || true
+        done
         wait 2>/dev/null
         rm -rf --one-file-system "$KT_FRESH_SCRATCH"
     }
@@ -47,10 +50,8 @@ if [ -z "${KT_FRESH_SCRATCH:-}" ]; then
     trap 'exit 143' TERM
     unshare --mount --pid --fork --kill-child --mount-proc --propagation private \
         "${BASH_SOURCE[0]}" ${changes:+--changes "${paths[@]}"} &
-    inner=$!
     status=0
-    wait $inner || status=$?
-    inner=
+    wait $! || status=$?
     exit $status
 fi
 

@@ -36,9 +36,12 @@ compgen -G "/usr/lib/uml/modules/*/kernel/drivers/net/can/vcan.ko" >/dev/null ||
 
 mkdir -p "$repo/build"
 run=$(mktemp -d "$repo/build/lane-k.XXXXXX")
-uml=
 cleanup() {
-    [ -z "$uml" ] || kill -TERM "$uml" 2>/dev/null || true
+    local process
+    # As the shell counts them: a signal may come before the line after a start.
+    for process in $(jobs -rp); do
+        kill -TERM "$process" 2>/dev/null || true
+    done
     rm -rf "$run"
 }
 trap cleanup EXIT
@@ -80,7 +83,6 @@ done
 [ -e "$run/started" ] || unable "user-mode Linux does not boot"
 
 wait "$uml" || true
-uml=
 [ ! -e "$run/unable" ] || unable "$(cat "$run/unable")"
 if [ ! -e "$run/status" ]; then
     echo "lane K: ended without a result (limit $timeout s)"
