@@ -19,7 +19,7 @@ need_program() { # PROGRAM PACKAGE
 
 # Without a path among the arguments pytest gets the folder.
 parse_arguments() {
-    bin=$repo/build/release/bin junit= timeout=${lane_timeout:-1200} tests=tests/system
+    bin=$repo/build/release/bin junit= timeout=3600 tests=tests/system
     while [ $# -gt 0 ]; do
         case $1 in
             --bin) bin=$(realpath -- "$2"); shift 2 ;;

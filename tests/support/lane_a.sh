@@ -9,7 +9,7 @@
 # DIR has the programs of the armhf preset (build/armhf/bin).
 # Exit status: pytest's, or 77 when the lane cannot run here.
 set -euo pipefail
-lane=A lane_timeout=3600
+lane=A
 . "$(dirname "${BASH_SOURCE[0]}")/emulated_machine.sh"
 . "$repo/tests/support/arm_machine.sh"
 

@@ -9,7 +9,7 @@
 # Exit status: pytest's, or 77 when the lane cannot run here.
 set -euo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-bin=$repo/build/release/bin junit= timeout=1200
+bin=$repo/build/release/bin junit= timeout=3600
 while [ $# -gt 0 ]; do
     case $1 in
         --bin) bin=$(realpath -- "$2"); shift 2 ;;
