@@ -33,6 +33,7 @@ if KERNEL and not on_a_guest():
 TIME_FACTOR = float(os.environ.get("KT_TIME_FACTOR", "1"))
 
 SANITIZER_STATUS = 97
+THREAD_SANITIZER = "tsan" in BIN.parts
 
 
 def scaled(seconds: float) -> float:
