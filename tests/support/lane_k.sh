@@ -76,7 +76,7 @@ timeout -k 5 "$timeout" "$kernel" mem=512M rootfstype=hostfs rw init="$run/init"
     con0=fd:0,fd:1 quiet loglevel=1 uml_dir="$run/" umid=lane-k </dev/null &
 uml=$!
 
-for ((i = 0; i < 600; i++)); do
+for ((i = 0; i < 3000; i++)); do
     [ ! -e "$run/started" ] && kill -0 "$uml" 2>/dev/null || break
     sleep 0.1
 done
