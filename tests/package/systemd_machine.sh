@@ -12,11 +12,9 @@ compgen -G "/usr/lib/uml/modules/*/kernel/drivers/net/can/vcan.ko" >/dev/null ||
 
 run=$(mktemp -d "$PWD/build/package-test/machine.XXXXXX")
 cleanup() {
-    local process
     # As the shell counts them: a signal may come before the line after the start.
-    for process in $(jobs -rp); do
-        kill -TERM "$process" 2>/dev/null || true
-    done
+    # shellcheck disable=SC2046 # a word for each
+    kill -TERM $(jobs -rp) 2>/dev/null || true
     rm -rf "$run"
 }
 trap cleanup EXIT

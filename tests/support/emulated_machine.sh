@@ -68,11 +68,9 @@ begin_run() {
 }
 
 end_run() {
-    local process
     # As the shell counts them: a signal may come before the line after a start.
-    for process in $(jobs -rp); do
-        kill -TERM "$process" 2>/dev/null || true
-    done
+    # shellcheck disable=SC2046 # a word for each
+    kill -TERM $(jobs -rp) 2>/dev/null || true
     rm -rf "$run"
 }
 

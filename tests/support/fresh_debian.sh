@@ -35,12 +35,10 @@ if [ -z "${KT_FRESH_SCRATCH:-}" ]; then
     KT_FRESH_SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/kt-fresh.XXXXXX")
     export KT_FRESH_SCRATCH
     cleanup() {
-        local process
         trap '' HUP INT TERM
         # As the shell counts them: a signal may come before the line after the start.
-        for process in $(jobs -rp); do
-            kill -KILL "$process" 2>/dev/null || true
-        done
+        # shellcheck disable=SC2046 # a word for each
+        kill -KILL $(jobs -rp) 2>/dev/null || true
         wait 2>/dev/null
         rm -rf --one-file-system "$KT_FRESH_SCRATCH"
     }

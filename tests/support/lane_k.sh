@@ -37,11 +37,9 @@ compgen -G "/usr/lib/uml/modules/*/kernel/drivers/net/can/vcan.ko" >/dev/null ||
 mkdir -p "$repo/build"
 run=$(mktemp -d "$repo/build/lane-k.XXXXXX")
 cleanup() {
-    local process
     # As the shell counts them: a signal may come before the line after a start.
-    for process in $(jobs -rp); do
-        kill -TERM "$process" 2>/dev/null || true
-    done
+    # shellcheck disable=SC2046 # a word for each
+    kill -TERM $(jobs -rp) 2>/dev/null || true
     rm -rf "$run"
 }
 trap cleanup EXIT

@@ -4,7 +4,6 @@ import pytest
 
 from kt_system import lane
 from kt_system.documents import Terminal, run_session, session_of
-from kt_system.lane import wait_until
 
 LISTENS = "127.0.0.1:8080"
 
@@ -13,7 +12,7 @@ LISTENS = "127.0.0.1:8080"
 def terminal(gateway, rest, tmp_path):
     """A shell on a gateway that has just been switched on for the first time."""
     gateway.start()
-    wait_until(lambda: len(rest.port_threads()) == len(lane.PORTS), 10.0, "the ports to run")
+    rest.wait_port_threads()
     rest.wait_next_second()  # a change within the second of the start would not show
     host, port = rest.address
     shell = Terminal(tmp_path, gateway.environment, replacements={LISTENS: f"{host}:{port}"})

@@ -49,7 +49,7 @@ def curl(rest):
 def running(gateway, rest):
     """An empty gateway whose ports run; before that it may not take uploads yet."""
     gateway.start()
-    wait_until(lambda: len(rest.port_threads()) == len(lane.PORTS), 10.0, "the ports to run")
+    rest.wait_port_threads()
 
 
 @pytest.fixture

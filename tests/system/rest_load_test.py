@@ -381,7 +381,7 @@ def judge_ports(gateway, rest, bus, tags) -> None:
     """Every port still serves, in the last pass as in the first. A pass takes the working copy as
     it finds it, edits behind its apply included: only one more apply makes sure what runs."""
     rest.apply()
-    wait_until(lambda: len(rest.port_threads()) == len(lane.PORTS), 10.0, "every port's thread")
+    rest.wait_port_threads()
     gateway.wait_ready()
     for port, name in enumerate(lane.PORTS, 1):
         node = bus(name)

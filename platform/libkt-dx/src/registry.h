@@ -15,8 +15,7 @@ namespace kt_dx {
 
 inline constexpr uint32_t no_slot = UINT32_MAX;
 
-/** What a tag is, apart from its value. */
-/** What a slot holds, but for the name. */
+/** What a tag is, apart from its name and its value. */
 struct tag_head {
     uint32_t slot;
     uint32_t version;
@@ -27,6 +26,7 @@ struct tag_head {
     uint16_t name_length;
 };
 
+/** What a tag is, apart from its value. */
 struct tag_record : tag_head {
     char name[DX_NAME_MAX + 1];
 };

@@ -161,6 +161,15 @@ class Rest:
         )
         self.gateway.wait_ready()
 
+    def wait_port_threads(self) -> set[str]:
+        """The numbers of all, once every port has its thread."""
+
+        def of_every_port() -> set[str] | None:
+            found = self.port_threads()
+            return found if len(found) == len(lane.PORTS) else None
+
+        return wait_until(of_every_port, 10.0, "every port's thread")
+
     def port_threads(self) -> set[str]:
         """Their numbers; each pass has new ones."""
         tasks = pathlib.Path(f"/proc/{self.gateway.process.pid}/task")

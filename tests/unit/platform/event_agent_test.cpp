@@ -1,3 +1,4 @@
+#include "exact_time.h"
 #include "scratch_folder.h"
 
 #include <kt/event_agent.h>
@@ -66,12 +67,6 @@ protected:
     int notify(const std::string &message = "text") const {
         return event_notify(handle.get(), "name", "Host 1.2.3.4", message.c_str());
     }
-    // time() reads a coarse clock, which begins a second some milliseconds later.
-    static time_t now_seconds() {
-        timespec now = {};
-        EXPECT_EQ(clock_gettime(CLOCK_REALTIME, &now), 0);
-        return now.tv_sec;
-    }
     static json_ptr parse(const std::string &line) {
         return {json_parse_string(line.c_str()), json_value_free};
     }
@@ -95,7 +90,7 @@ protected:
 };
 
 TEST_F(event_agent, event_is_one_json_line) {
-    const time_t before = now_seconds();
+    const time_t before = exact_time();
     ASSERT_EQ(event_notify(handle.get(),
                            "CAN Proprietary:CAN bus-off",
                            "Host 192.168.1.2",
@@ -111,7 +106,7 @@ TEST_F(event_agent, event_is_one_json_line) {
     struct tm utc = {};
     ASSERT_NE(strptime(member(found[0], "time").c_str(), "%Y-%m-%dT%H:%M:%S", &utc), nullptr);
     EXPECT_GE(timegm(&utc), before);
-    EXPECT_LE(timegm(&utc), now_seconds());
+    EXPECT_LE(timegm(&utc), exact_time());
 }
 
 TEST_F(event_agent, file_ends_with_a_line_end_and_is_readable_by_all) {

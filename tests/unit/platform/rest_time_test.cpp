@@ -1,3 +1,5 @@
+#include "exact_time.h"
+
 #include <kt/rest_time.h>
 
 #include <cstdlib>
@@ -15,12 +17,6 @@ protected:
         (void)unsetenv("TZ");
         tzset();
     }
-    // time() reads a coarse clock, which begins a second some milliseconds later.
-    static time_t now_seconds() {
-        timespec now = {};
-        EXPECT_EQ(clock_gettime(CLOCK_REALTIME, &now), 0);
-        return now.tv_sec;
-    }
     static std::string stamp(time_t seconds) {
         const timeval time = {seconds, 999999};
         char text[15];
@@ -30,10 +26,10 @@ protected:
 
 TEST_F(rest_time, wall_clock_is_the_kernels) {
     timeval now = {};
-    const time_t before = now_seconds();
+    const time_t before = exact_time();
     ASSERT_EQ(timed_intf_getlocaltimeval(&now), 0);
     EXPECT_GE(now.tv_sec, before);
-    EXPECT_LE(now.tv_sec, now_seconds());
+    EXPECT_LE(now.tv_sec, exact_time());
     EXPECT_GE(now.tv_usec, 0);
     EXPECT_LT(now.tv_usec, 1000000);
 }
