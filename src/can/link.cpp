@@ -168,8 +168,13 @@ void can_link_note_error(can_module *module, int error) {
     if (error == EAGAIN || error == EINTR) {
         return;
     }
+    const bool lost = error == ENODEV || error == ENXIO;
+    if (lost && module->link_lost) {
+        module->socket_ended = true;
+        return;
+    }
     log_error("port_idx = %d, %s\n", module->port_index, strerror(error));
-    if (error == ENODEV || error == ENXIO) {
+    if (lost) {
         module->link_lost = true;
         module->link_retry = sys_clock_ms() + link_retry_ms;
     }
@@ -192,6 +197,7 @@ void can_link_recover(can_module *module, uint32_t now) {
     (void)close(module->socket);
     module->socket = fd;
     module->link_lost = false;
+    module->socket_ended = false;
     module->frames_lost = 0;
     log_error("port_idx = %d, interface %s is back\n", module->port_index, name);
 }

@@ -20,7 +20,11 @@ void can_link_bring_up(can_module *module, const char *name);
  */
 int can_fd_init(int32_t port_index, int32_t *socket);
 
-/** Follow a failed receive: an interface that is gone is looked for from then on. */
+/**
+ * Follow a failed receive: an interface that is gone is looked for from then on. The kernel's
+ * socket tells so once and then gives the frames that it has queued; one that tells again has ended
+ * and would be readable for ever.
+ */
 void can_link_note_error(can_module *module, int error);
 
 /** Take a returned interface back into service. Once a second while one is missing. */

@@ -6,8 +6,10 @@ import errno
 import os
 import pathlib
 import re
+import signal
 import socket
 import struct
+import subprocess
 import time
 
 import pytest
@@ -36,10 +38,14 @@ GROWTH_KIB = 1024
 pytestmark = pytest.mark.slow
 
 
-def cpu_seconds(gateway) -> float:
-    text = pathlib.Path(f"/proc/{gateway.process.pid}/stat").read_text()
+def cpu_seconds(pid: int) -> float:
+    text = pathlib.Path(f"/proc/{pid}/stat").read_text()
     fields = text.rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def cpu_of(gateway) -> float:
+    return cpu_seconds(gateway.process.pid)
 
 
 def resident_kib(gateway) -> int:
@@ -124,7 +130,7 @@ def watch_for(gateway, seconds: float) -> tuple[int, int, float]:
 
 def test_full_load_on_both_ports_is_counted_to_the_last_frame(gateway, bus, tags, capsys):
     start(gateway)
-    cpu = cpu_seconds(gateway)
+    cpu = cpu_of(gateway)
     before = [dropped_by_bus(port) for port in lane.PORTS]
     with contextlib.ExitStack() as running:
         nodes = [
@@ -140,7 +146,7 @@ def test_full_load_on_both_ports_is_counted_to_the_last_frame(gateway, bus, tags
         print(
             f"\nfull load: {SECONDS:g} s, {[sent_by(node) for node in nodes]} frames sent,"
             f" {dropped} dropped by the bus, {lost} logged as lost, processor"
-            f" {cpu_seconds(gateway) - cpu:.1f} s, slowest answer {1000 * slowest:.0f} ms,"
+            f" {cpu_of(gateway) - cpu:.1f} s, slowest answer {1000 * slowest:.0f} ms,"
             f" RSS {early} to {late} KiB"
         )
     assert late - early < GROWTH_KIB
@@ -161,7 +167,7 @@ def test_a_storm_of_error_frames_is_survived(gateway, bus, tags, kind, capsys):
     """An event for each that has one, in a file that stays within its size, and not a word more."""
     start(gateway)
     ids, data = ERRORS[kind]
-    log, cpu = len(gateway.stderr), cpu_seconds(gateway)
+    log, cpu = len(gateway.stderr), cpu_of(gateway)
     with sending("can0", "2000", ids, data) as node:
         early, late, slowest = watch_for(gateway, SECONDS / len(ERRORS))
     count = sent_by(node)
@@ -173,7 +179,7 @@ def test_a_storm_of_error_frames_is_survived(gateway, bus, tags, kind, capsys):
     sizes = {path.name: path.stat().st_size for path in folder.glob("*")}
     with capsys.disabled():
         print(
-            f"\nerror frames, {kind}: {count} sent, processor {cpu_seconds(gateway) - cpu:.1f} s,"
+            f"\nerror frames, {kind}: {count} sent, processor {cpu_of(gateway) - cpu:.1f} s,"
             f" slowest answer {1000 * slowest:.0f} ms, RSS {early} to {late} KiB, events {sizes}"
         )
     assert gateway.stderr[log:] == ""
@@ -221,10 +227,10 @@ def test_a_queue_that_stays_full_delays_and_loses_nothing(
     node.drain()
     tags.set(name, 1)
     gateway.wait_event("CAN Proprietary:Transaction Failed", "drive/go transaction failed")
-    cpu, log, begin = cpu_seconds(gateway), len(gateway.stderr), time.monotonic()
+    cpu, log, begin = cpu_of(gateway), len(gateway.stderr), time.monotonic()
     refusals = gateway.failures("drive", "go")
     early, late, slowest = watch_for(gateway, SECONDS / 6)
-    spent, passed = cpu_seconds(gateway) - cpu, time.monotonic() - begin
+    spent, passed = cpu_of(gateway) - cpu, time.monotonic() - begin
     refusals = gateway.failures("drive", "go") - refusals
     softcan_fault("can0", "error", "4#0004")  # what arrives is served meanwhile
     wait_until(lambda: gateway.diagnose(1)["state"] == "Error active")
@@ -254,7 +260,7 @@ def test_a_queue_that_stays_full_delays_and_loses_nothing(
 @pytest.mark.parametrize("pending", [False, True], ids=["idle", "with a frame to send"])
 def test_an_interface_that_is_unplugged_comes_back(gateway, bus, tags, interface, pending, capsys):
     start(gateway)
-    log, cpu = len(gateway.stderr), cpu_seconds(gateway)
+    log, cpu = len(gateway.stderr), cpu_of(gateway)
     begin = time.monotonic()
     interface("can1", False)
     try:
@@ -262,7 +268,7 @@ def test_an_interface_that_is_unplugged_comes_back(gateway, bus, tags, interface
         if pending:
             tags.set(block_tag("base2", "command", "target"), 5)
         early, late, slowest = watch_for(gateway, SECONDS / 6)
-        spent, passed = cpu_seconds(gateway) - cpu, time.monotonic() - begin
+        spent, passed = cpu_of(gateway) - cpu, time.monotonic() - begin
         assert late - early < GROWTH_KIB and slowest < scaled(10)
     finally:
         interface("can1", True)
@@ -273,6 +279,31 @@ def test_an_interface_that_is_unplugged_comes_back(gateway, bus, tags, interface
     assert lines <= 4, gateway.stderr[log:]
     assert_serves(gateway, bus, tags)
     assert spent < 0.5 * passed
+
+
+def child(process, name: str) -> int:
+    command = ["pgrep", "--exact", "--parent", str(process.pid), name[:15]]
+    return int(subprocess.run(command, check=True, capture_output=True).stdout)
+
+
+@pytest.mark.skipif(lane.KERNEL, reason="a kernel's CAN sockets do not end")
+def test_a_bus_that_ends_for_good_takes_no_processor_and_no_log(gateway, capsys):
+    gateway.configure(base_device(1), base_device(2))
+    words = ["run", "--world", "doomed", "--ports", ",".join(lane.PORTS), "--"]
+    gateway.start(wrapper=[os.environ["KT_SOFTCAN_PROGRAM"], *words])
+    os.kill(child(gateway.process, "softcan-hub"), signal.SIGKILL)
+    for port in range(len(lane.PORTS)):
+        gateway.wait_logged("can_link_note_error", f"port_idx = {port}, No such device\n")
+    service = child(gateway.process, "kt-can-proprietary")
+    cpu, begin, log = cpu_seconds(service), time.monotonic(), len(gateway.stderr)
+    time.sleep(SECONDS / 10)
+    spent, passed = cpu_seconds(service) - cpu, time.monotonic() - begin
+    said = gateway.stderr[log:]
+    with capsys.disabled():
+        print(f"\nended bus: {passed:.1f} s, processor {spent:.1f} s, {len(said)} bytes of log")
+    assert "No such device" not in said and len(said) < 1000 * passed, said[:2000]
+    assert spent < 0.5 * passed
+    gateway.stop(nudge=False)
 
 
 def open_raw(port: str) -> socket.socket:

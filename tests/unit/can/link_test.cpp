@@ -305,6 +305,15 @@ TEST_F(lost_link, is_noted_when_the_interface_is_gone) {
     EXPECT_TRUE(module.link_lost);
 }
 
+TEST_F(lost_link, is_logged_once_and_has_ended_its_socket_when_told_again) {
+    (void)note(ENODEV);
+    EXPECT_FALSE(module.socket_ended);
+    can_clock_set(1900);
+    EXPECT_EQ(note(ENODEV), "");
+    EXPECT_TRUE(module.socket_ended);
+    EXPECT_EQ(module.link_retry, 2000U);
+}
+
 TEST_F(lost_link, is_looked_for_once_a_second) {
     (void)note(ENODEV);
     can_calls().interface_index = 0;
@@ -337,6 +346,7 @@ TEST_F(lost_link, that_returns_is_configured_and_gets_a_new_socket) {
     const int before = module.socket;
     const int old_bus = dup(can_calls_bus());
     module.frames_lost = 9;
+    module.socket_ended = true;
     can_calls().interface_index = 12;
     const std::string errors = can_errors_of([&] { can_link_recover(&module, 2000); });
     EXPECT_EQ(errors, can_error("can_link_recover", "port_idx = 0, interface can0 is back\n"));
@@ -345,6 +355,7 @@ TEST_F(lost_link, that_returns_is_configured_and_gets_a_new_socket) {
                             "link set can0 type can bitrate 500000 restart-ms 0",
                             "link set up can0"));
     EXPECT_FALSE(module.link_lost);
+    EXPECT_FALSE(module.socket_ended);
     EXPECT_EQ(module.interface_index, 12U);
     EXPECT_EQ(module.frames_lost, 0U);
     EXPECT_TRUE(is_open(module.socket));

@@ -385,6 +385,29 @@ TEST_F(receive_pass, of_a_failed_read_logs_the_reason) {
     EXPECT_EQ(record.rxCount, 1U);
 }
 
+TEST_F(receive_pass, takes_what_had_come_before_the_interface_went) {
+    build();
+    put(0x10, {1});
+    can_calls().receive_errno = ENODEV;
+    EXPECT_EQ(rx(), 1);
+    EXPECT_EQ(rx(), 0);
+    EXPECT_EQ(record.rxCount, 1U);
+}
+
+TEST_F(receive_pass, leaves_alone_a_socket_that_goes_on_telling_of_its_end) {
+    build();
+    put(0x10, {1});
+    for (int turn = 0; turn < 2; ++turn) {
+        can_calls().receive_errno = ENODEV;
+        EXPECT_EQ(rx(), 1);
+    }
+    can_calls().receive_errno = ENODEV;
+    can_module_wake(&module);
+    EXPECT_EQ(rx(), 1);
+    EXPECT_TRUE(module.fp_check_wanted);
+    EXPECT_EQ(can_calls().receive_errno, ENODEV); // nothing was read
+}
+
 TEST_F(receive_pass, without_diagnostic_record_logs_an_empty_line_and_drops_the_frame) {
     can_add_consume(device(), "c", 0x10);
     build();
