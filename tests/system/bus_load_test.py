@@ -15,6 +15,7 @@ import time
 import pytest
 
 from kt_system import lane
+from kt_system.bus import wait_writes_taken
 from kt_system.lane import scaled, wait_until
 from kt_system.processes import LineReader
 from kt_system.rows import (
@@ -190,15 +191,6 @@ def test_a_storm_of_error_frames_is_survived(gateway, bus, tags, kind, capsys):
     assert sum(sizes.values()) <= 4 << 20
 
 
-def wait_writes_taken(bus, tags) -> None:
-    """What was written to tags of the first port before: one thread takes the writes of both, and
-    the second of two that go out one after the other was not taken together with the first."""
-    node = bus(lane.PORTS[1])
-    for value in (1, 2):
-        tags.set(block_tag("base2", "command", "target"), value)
-        node.expect(0x201, value.to_bytes(4, "little"), 5.0)
-
-
 def pending_kinds():
     """Name, row, tag to write; a frame that is refused waits in a queue of its kind."""
     target = tag("target", U16, access="wo")
@@ -236,7 +228,7 @@ def test_a_queue_that_stays_full_delays_and_loses_nothing(
     wait_until(lambda: gateway.diagnose(1)["state"] == "Error active")
     tags.set(name, 2)
     tags.set(name, 3)
-    wait_writes_taken(bus, tags)
+    wait_writes_taken(bus(lane.PORTS[1]), 0x201, tags, block_tag("base2", "command", "target"))
     node.expect_none(0x201, 0.3)
     softcan_fault("can0", "txfull", "off")
     assert node.expect(0x201, timeout=5.0).data.hex() == "0300"

@@ -116,6 +116,18 @@ def test_with_mqtt_the_values_reach_a_broker_of_its_own(tmp_path):
     assert not list(tmp_path.iterdir())
 
 
+def test_with_mqtt_the_port_of_another_program_is_left_to_it(tmp_path):
+    with socket.socket() as other:
+        other.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        with contextlib.suppress(OSError):  # somebody's broker has it
+            other.bind(("127.0.0.1", 1883))
+            other.listen()
+        with live_run(tmp_path, lane.PORTS, "--mqtt") as live:
+            said = live.wait_line("run: MQTT broker: 127.0.0.1:", 30.0)
+            assert int(re.search(r"127\.0\.0\.1:(\d+);", said)[1]) > 1883
+            interrupt(live)
+
+
 def test_one_port_gets_the_devices_of_the_first(tmp_path):
     with live_run(tmp_path, lane.PORTS[:1]) as live:
         live.wait_line(f"{LOADED}drive, sensor", 30.0)

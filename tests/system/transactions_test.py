@@ -6,6 +6,7 @@ import time
 
 import pytest
 
+from kt_system.bus import wait_writes_taken
 from kt_system.lane import scaled, wait_until
 from kt_system.rows import (
     BOOTUP,
@@ -352,12 +353,18 @@ def test_two_requests_run_one_after_the_other(gateway, bus, tags):
                 trigger=ON_CHANGE,
                 timeout=60000,
             ),
-        )
+        ),
+        device(
+            "probe",
+            produce("p", frame(0x201, 4, tag("target", U32, access="wo")), trigger=ON_CHANGE),
+            port=2,
+        ),
     )
     node = bus()
     gateway.start()
     node.expect(0x601)
     tags.set(block_tag("drive", "other", "go"), 1)
+    wait_writes_taken(bus("can1"), 0x201, tags, block_tag("probe", "p", "target"))
     node.expect_none(0x602)
     node.send(0x581, "01000000 6000")
     node.expect(0x602, "01")

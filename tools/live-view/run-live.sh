@@ -171,24 +171,34 @@ choose_address() {
     say "another program has 127.0.0.1:8080, the REST API takes a free port; it is in $address"
 }
 
-# A broker on loopback and the bridge to it, which the next lines show how to look at.
+# A broker on a port of loopback. Status: 0 when it runs, 1 when another program has the port.
+start_broker() {
+    local port=$1 folder=$KT_ROOT/mqtt
+    printf 'listener %s 127.0.0.1\nallow_anonymous true\n' "$port" >"$folder/mosquitto.conf"
+    mosquitto -c "$folder/mosquitto.conf" >"$folder/mosquitto.log" 2>&1 &
+    names[$!]="the broker" logs[$!]=$folder/mosquitto.log
+    # Its own word: on the port might listen another's.
+    until grep -q ' running$' "$folder/mosquitto.log"; do
+        if ! kill -0 $! 2>/dev/null; then
+            grep -q 'Address already in use' "$folder/mosquitto.log" || watch_over
+            unset "names[$!]" "logs[$!]"
+            return 1
+        fi
+        sleep 0.05
+    done
+}
+
+# A broker of its own and the bridge to it, which the next lines show how to look at.
 start_mqtt() {
     local port=1883 folder=$KT_ROOT/mqtt
     mkdir -p "$folder"
-    while (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
-        port=$((port + 1)) # another program has it
+    until start_broker "$port"; do
+        port=$((port + 1))
     done
-    printf 'listener %s 127.0.0.1\nallow_anonymous true\n' "$port" >"$folder/mosquitto.conf"
     printf 'broker_port = %s\nprefix = kt/gateway\nrest_url = %s\n' "$port" "$rest" \
         >"$folder/bridge.conf"
     [ -z "${KT_REST_TOKEN_FILE:-}" ] ||
         echo "rest_token_file = $(realpath "$KT_REST_TOKEN_FILE")" >>"$folder/bridge.conf"
-    mosquitto -c "$folder/mosquitto.conf" >"$folder/mosquitto.log" 2>&1 &
-    names[$!]="the broker" logs[$!]=$folder/mosquitto.log
-    until (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
-        kill -0 $! 2>/dev/null || watch_over
-        sleep 0.05
-    done
     "$bin/kt-dx-mqtt" --config "$folder/bridge.conf" >"$folder/bridge.log" 2>&1 &
     names[$!]="the bridge" logs[$!]=$folder/bridge.log
     export KT_LIVE_MQTT_PORT=$port

@@ -170,6 +170,15 @@ def _matches(
     )
 
 
+def wait_writes_taken(node: Bus, can_id: int, tags, name: str) -> None:
+    """What was written to tags of the other port before: one thread takes the writes of both. The
+    tag of four bytes goes out at each change; of two such frames, one after the other, the second
+    was not taken together with the first."""
+    for value in (1, 2):
+        tags.set(name, value)
+        node.expect(can_id, value.to_bytes(4, "little"), 5.0)
+
+
 class Candump(LineReader):
     """candump in its log format: lines such as "(1700000000.000000) can0 123#0102"."""
 
