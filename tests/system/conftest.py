@@ -90,6 +90,7 @@ ON_ARM = (
     "arm_test",
     "bus_state_test::test_protocol_errors",
     "bus_state_test::test_the_bus_state_walks",
+    "clock_wrap_test::test_a_program_sees",
     "codec_test",
     "config_file_export_test::test_a_configuration_goes_there_and_back",
     "config_file_export_test::test_what_was_made_through_the_other_endpoints",
