@@ -24,6 +24,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -170,7 +171,7 @@ void can_link_note_error(can_module *module, int error) {
     }
     const bool lost = error == ENODEV || error == ENXIO;
     if (lost && module->link_lost) {
-        module->socket_ended = true;
+        (void)close(std::exchange(module->socket, -1));
         return;
     }
     log_error("port_idx = %d, %s\n", module->port_index, strerror(error));
@@ -194,10 +195,9 @@ void can_link_recover(can_module *module, uint32_t now) {
     if (fd < 0) {
         return;
     }
-    (void)close(module->socket);
+    (void)close(module->socket); // unless it has been
     module->socket = fd;
     module->link_lost = false;
-    module->socket_ended = false;
     module->frames_lost = 0;
     log_error("port_idx = %d, interface %s is back\n", module->port_index, name);
 }

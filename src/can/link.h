@@ -22,8 +22,8 @@ int can_fd_init(int32_t port_index, int32_t *socket);
 
 /**
  * Follow a failed receive: an interface that is gone is looked for from then on. The kernel's
- * socket tells so once and then gives the frames that it has queued; one that tells again has ended
- * and would be readable for ever.
+ * socket tells so once and then gives the frames that it has queued; one that tells again would be
+ * readable for ever and is closed.
  */
 void can_link_note_error(can_module *module, int error);
 

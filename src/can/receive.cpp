@@ -157,9 +157,7 @@ bool receive_frame(can_module *module, can_frame *frame) {
 int wait_for_input(const can_module *module, timeval *timeout, fd_set *readable) {
     const int highest = std::max(module->socket, module->event_fd);
     clear_set(highest, readable);
-    if (!module->socket_ended) {
-        add_to_set(module->socket, readable);
-    }
+    add_to_set(module->socket, readable);
     add_to_set(module->event_fd, readable);
     return select(highest + 1, readable, nullptr, nullptr, timeout);
 }

@@ -172,7 +172,6 @@ struct can_module_pass {
     bool frames_waiting;  /* the last one had been there before the wait for it */
     uint32_t frames_lost; /* the socket's drop counter as last seen */
     bool link_lost;       /* the network interface went away */
-    bool socket_ended;    /* and its socket has nothing more to give */
     uint32_t link_retry;  /* clock value of the next look for it */
     pthread_mutex_t mutex;
 };

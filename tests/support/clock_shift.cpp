@@ -19,42 +19,14 @@
 
 namespace {
 
+using clock_function = int (*)(clockid_t, timespec *);
+
+clock_function next_clock = nullptr;
 int64_t monotonic_ms = 0;
 const std::atomic<int64_t> *wall_ms = nullptr;
 
-template <typename Time>
-struct clock_source {
-    const char *symbol;
-    long system_call;
-    int (*next)(clockid_t, Time *);
-
-    void find() { next = reinterpret_cast<decltype(next)>(dlsym(RTLD_NEXT, symbol)); }
-};
-
-clock_source<timespec> clocks{"clock_gettime", SYS_clock_gettime, nullptr};
-
-#if __TIMESIZE == 32
-// Of glibc's two sets of functions there, programs of the distribution call the one with the short
-// seconds, and those of this project the other, with these types.
-struct wide_timespec {
-    int64_t tv_sec;
-    long tv_nsec;
-    long padding;
-};
-
-struct wide_timeval {
-    int64_t tv_sec;
-    int64_t tv_usec;
-};
-
-clock_source<wide_timespec> wide_clocks{"__clock_gettime64", SYS_clock_gettime64, nullptr};
-#endif
-
 __attribute__((constructor)) void prepare() {
-    clocks.find();
-#if __TIMESIZE == 32
-    wide_clocks.find();
-#endif
+    next_clock = reinterpret_cast<clock_function>(dlsym(RTLD_NEXT, "clock_gettime"));
     if (const char *text = getenv("KT_CLOCK_MONOTONIC_MS"); text != nullptr) {
         monotonic_ms = strtoll(text, nullptr, 10);
     }
@@ -86,46 +58,23 @@ int64_t shift_of(clockid_t clock) {
     return is_wall(clock) && wall_ms != nullptr ? wall_ms->load(std::memory_order_relaxed) : 0;
 }
 
-template <typename Time>
-void shift(Time *time, int64_t ms) {
+void shift(timespec *time, int64_t ms) {
     constexpr int64_t second_ns = 1'000'000'000;
     const int64_t total_ns = time->tv_nsec + ms % 1000 * 1'000'000;
     const int64_t carried = total_ns < 0 ? -1 : total_ns / second_ns;
-    time->tv_sec += static_cast<decltype(time->tv_sec)>(ms / 1000 + carried);
+    time->tv_sec += static_cast<time_t>(ms / 1000 + carried);
     time->tv_nsec = static_cast<long>(total_ns - carried * second_ns);
 }
 
-template <typename Time>
-int shifted(const clock_source<Time> &source, clockid_t clock, Time *time) {
+int shifted(clockid_t clock, timespec *time) {
     // A library that is set up earlier may ask before the constructor ran.
-    const int result = source.next != nullptr
-                           ? source.next(clock, time)
-                           : static_cast<int>(syscall(source.system_call, clock, time));
+    const int result = next_clock != nullptr
+                           ? next_clock(clock, time)
+                           : static_cast<int>(syscall(SYS_clock_gettime, clock, time));
     if (result == 0) {
         shift(time, shift_of(clock));
     }
     return result;
-}
-
-template <typename Time, typename Parts>
-int time_of_day(const clock_source<Time> &source, Parts *time) {
-    Time now{};
-    const int result = shifted(source, CLOCK_REALTIME, &now);
-    if (result == 0) {
-        time->tv_sec = now.tv_sec;
-        time->tv_usec = now.tv_nsec / 1000;
-    }
-    return result;
-}
-
-template <typename Time, typename Seconds>
-Seconds seconds_of_day(const clock_source<Time> &source, Seconds *seconds) {
-    Time now{};
-    (void)shifted(source, CLOCK_REALTIME, &now);
-    if (seconds != nullptr) {
-        *seconds = now.tv_sec;
-    }
-    return now.tv_sec;
 }
 
 } // namespace
@@ -133,31 +82,26 @@ Seconds seconds_of_day(const clock_source<Time> &source, Seconds *seconds) {
 extern "C" {
 
 [[gnu::visibility("default")]] int clock_gettime(clockid_t clock, timespec *time) noexcept {
-    return shifted(clocks, clock, time);
+    return shifted(clock, time);
 }
 
 [[gnu::visibility("default")]] int gettimeofday(timeval *__restrict time,
                                                 void *__restrict) noexcept {
-    return time_of_day(clocks, time);
+    timespec now{};
+    const int result = shifted(CLOCK_REALTIME, &now);
+    if (result == 0) {
+        time->tv_sec = now.tv_sec;
+        time->tv_usec = now.tv_nsec / 1000;
+    }
+    return result;
 }
 
 [[gnu::visibility("default")]] time_t time(time_t *seconds) noexcept {
-    return seconds_of_day(clocks, seconds);
+    timespec now{};
+    (void)shifted(CLOCK_REALTIME, &now);
+    if (seconds != nullptr) {
+        *seconds = now.tv_sec;
+    }
+    return now.tv_sec;
 }
-
-#if __TIMESIZE == 32
-[[gnu::visibility("default")]] int __clock_gettime64(clockid_t clock,
-                                                     wide_timespec *time) noexcept {
-    return shifted(wide_clocks, clock, time);
-}
-
-[[gnu::visibility("default")]] int __gettimeofday64(wide_timeval *__restrict time,
-                                                    void *__restrict) noexcept {
-    return time_of_day(wide_clocks, time);
-}
-
-[[gnu::visibility("default")]] int64_t __time64(int64_t *seconds) noexcept {
-    return seconds_of_day(wide_clocks, seconds);
-}
-#endif
 }

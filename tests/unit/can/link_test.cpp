@@ -305,12 +305,14 @@ TEST_F(lost_link, is_noted_when_the_interface_is_gone) {
     EXPECT_TRUE(module.link_lost);
 }
 
-TEST_F(lost_link, is_logged_once_and_has_ended_its_socket_when_told_again) {
+TEST_F(lost_link, is_logged_once_and_has_its_socket_closed_when_told_again) {
     (void)note(ENODEV);
-    EXPECT_FALSE(module.socket_ended);
+    const int before = module.socket;
+    EXPECT_TRUE(is_open(before));
     can_clock_set(1900);
     EXPECT_EQ(note(ENODEV), "");
-    EXPECT_TRUE(module.socket_ended);
+    EXPECT_FALSE(is_open(before));
+    EXPECT_EQ(module.socket, -1);
     EXPECT_EQ(module.link_retry, 2000U);
 }
 
@@ -346,7 +348,6 @@ TEST_F(lost_link, that_returns_is_configured_and_gets_a_new_socket) {
     const int before = module.socket;
     const int old_bus = dup(can_calls_bus());
     module.frames_lost = 9;
-    module.socket_ended = true;
     can_calls().interface_index = 12;
     const std::string errors = can_errors_of([&] { can_link_recover(&module, 2000); });
     EXPECT_EQ(errors, can_error("can_link_recover", "port_idx = 0, interface can0 is back\n"));
@@ -355,7 +356,6 @@ TEST_F(lost_link, that_returns_is_configured_and_gets_a_new_socket) {
                             "link set can0 type can bitrate 500000 restart-ms 0",
                             "link set up can0"));
     EXPECT_FALSE(module.link_lost);
-    EXPECT_FALSE(module.socket_ended);
     EXPECT_EQ(module.interface_index, 12U);
     EXPECT_EQ(module.frames_lost, 0U);
     EXPECT_TRUE(is_open(module.socket));
@@ -363,6 +363,14 @@ TEST_F(lost_link, that_returns_is_configured_and_gets_a_new_socket) {
     char byte = 0;
     EXPECT_EQ(recv(old_bus, &byte, 1, MSG_DONTWAIT), 0); // the old socket is closed
     (void)close(old_bus);
+}
+
+TEST_F(lost_link, that_returns_gets_a_new_socket_for_one_that_has_ended) {
+    (void)note(ENODEV);
+    (void)note(ENODEV);
+    (void)can_errors_of([&] { can_link_recover(&module, 2000); });
+    EXPECT_FALSE(module.link_lost);
+    EXPECT_TRUE(is_open(module.socket));
 }
 
 TEST_F(lost_link, keeps_the_old_socket_while_no_new_one_can_be_had) {

@@ -5,6 +5,6 @@ set_target_properties(clock-shift PROPERTIES
     CXX_VISIBILITY_PRESET hidden)
 target_compile_options(clock-shift PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${KT_WERROR}>:-Werror> -fno-exceptions -fno-rtti -fno-threadsafe-statics
-    -U_FORTIFY_SOURCE -U_FILE_OFFSET_BITS -U_TIME_BITS)
+    -U_FORTIFY_SOURCE)
 target_link_options(clock-shift PRIVATE -static-libgcc -Wl,--as-needed -Wl,-z,defs -Wl,-z,now)
 target_link_libraries(clock-shift PRIVATE ${CMAKE_DL_LIBS})
