@@ -19,6 +19,17 @@
 
 namespace {
 
+// glibc on 32 bits has two sets of functions: with 64-bit seconds, which programs of this project
+// call and this file defines by the usual names, and with 32-bit ones at the end.
+#if __TIMESIZE == 32
+static_assert(sizeof(time_t) == 8);
+constexpr const char *clock_symbol = "__clock_gettime64";
+constexpr long clock_call = SYS_clock_gettime64;
+#else
+constexpr const char *clock_symbol = "clock_gettime";
+constexpr long clock_call = SYS_clock_gettime;
+#endif
+
 using clock_function = int (*)(clockid_t, timespec *);
 
 clock_function next_clock = nullptr;
@@ -26,7 +37,7 @@ int64_t monotonic_ms = 0;
 const std::atomic<int64_t> *wall_ms = nullptr;
 
 __attribute__((constructor)) void prepare() {
-    next_clock = reinterpret_cast<clock_function>(dlsym(RTLD_NEXT, "clock_gettime"));
+    next_clock = reinterpret_cast<clock_function>(dlsym(RTLD_NEXT, clock_symbol));
     if (const char *text = getenv("KT_CLOCK_MONOTONIC_MS"); text != nullptr) {
         monotonic_ms = strtoll(text, nullptr, 10);
     }
@@ -68,9 +79,8 @@ void shift(timespec *time, int64_t ms) {
 
 int shifted(clockid_t clock, timespec *time) {
     // A library that is set up earlier may ask before the constructor ran.
-    const int result = next_clock != nullptr
-                           ? next_clock(clock, time)
-                           : static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    const int result = next_clock != nullptr ? next_clock(clock, time)
+                                             : static_cast<int>(syscall(clock_call, clock, time));
     if (result == 0) {
         shift(time, shift_of(clock));
     }
@@ -104,4 +114,51 @@ extern "C" {
     }
     return now.tv_sec;
 }
+#if __TIMESIZE == 32
+// Programs of the distribution call these.
+
+struct short_timespec {
+    int32_t tv_sec;
+    long tv_nsec;
+};
+
+struct short_timeval {
+    int32_t tv_sec;
+    long tv_usec;
+};
+
+[[gnu::visibility("default")]] int short_clock_gettime(clockid_t clock,
+                                                       short_timespec *time) noexcept
+    __asm__("clock_gettime");
+[[gnu::visibility("default")]] int short_gettimeofday(short_timeval *__restrict time,
+                                                      void *__restrict) noexcept
+    __asm__("gettimeofday");
+[[gnu::visibility("default")]] int32_t short_time(int32_t *seconds) noexcept __asm__("time");
+
+int short_clock_gettime(clockid_t clock, short_timespec *time) noexcept {
+    timespec now{};
+    const int result = shifted(clock, &now);
+    if (result == 0) {
+        *time = {static_cast<int32_t>(now.tv_sec), now.tv_nsec};
+    }
+    return result;
+}
+
+int short_gettimeofday(short_timeval *__restrict time, void *__restrict) noexcept {
+    timespec now{};
+    const int result = shifted(CLOCK_REALTIME, &now);
+    if (result == 0) {
+        *time = {static_cast<int32_t>(now.tv_sec), now.tv_nsec / 1000};
+    }
+    return result;
+}
+
+int32_t short_time(int32_t *seconds) noexcept {
+    const auto now = static_cast<int32_t>(time(nullptr));
+    if (seconds != nullptr) {
+        *seconds = now;
+    }
+    return now;
+}
+#endif
 }
