@@ -4,7 +4,6 @@ import contextlib
 import os
 import pathlib
 import re
-import shutil
 import signal
 import socket
 import sqlite3
@@ -103,8 +102,7 @@ def test_an_interrupt_in_the_moment_of_a_start_leaves_no_process(count, tmp_path
     assert not list(tmp_path.iterdir())
 
 
-# The small root of the emulated ARM machine has no broker.
-needs_broker = pytest.mark.skipif(shutil.which("mosquitto") is None, reason="no mosquitto here")
+needs_broker = pytest.mark.skipif(lane.ARM, reason="lane A's small root has no broker")
 
 
 @needs_broker
